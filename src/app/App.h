@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+class Broadcaster;
+class ProgressView;
+class Settings;
+class SocketListener;
+class UIBridge;
+
+// The server as a whole: start runs a server thread that makes the
+// broadcaster and the listener, listens, logs the start-up lines and turns
+// the run loop that accepts connections and fires session timers; stop ends
+// it. start and stop are called on one thread (the main thread).
+class App {
+public:
+    explicit App(std::shared_ptr<Settings> settings);
+    ~App();
+    App(const App&) = delete;
+    App& operator=(const App&) = delete;
+
+    void start();
+    void stop();
+    void addSettingsDialog(std::shared_ptr<ProgressView> dialog);
+
+    // Blocks until the server thread has reached "running" (or the time
+    // runs out); returns the port it listens on, 0 when listening failed.
+    std::optional<std::uint16_t> waitUntilRunning(std::chrono::milliseconds timeout);
+    bool isRunning() const { return m_isRunning; }
+    // When off, the broadcaster is made but never started (daemon --no-discovery).
+    void setDiscoveryEnabled(bool enabled) { m_discovery = enabled; }
+
+    std::shared_ptr<UIBridge> uiBridge() const { return m_uiBridge; }
+    std::shared_ptr<Settings> settings() const { return m_settings; }
+    std::shared_ptr<SocketListener> listener() const;
+    std::shared_ptr<Broadcaster> broadcaster() const;
+    std::shared_ptr<ProgressView> settingsDialog() const;
+
+private:
+    void serverThread();
+
+    std::shared_ptr<Settings> m_settings;
+    std::shared_ptr<UIBridge> m_uiBridge;
+    std::shared_ptr<ProgressView> m_settingsDialog;
+    std::atomic<bool> m_isRunning{false};
+    std::atomic<bool> m_discovery{true};
+
+    // Guards the two pointers below and the running signal.
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::shared_ptr<SocketListener> m_listener;
+    std::shared_ptr<Broadcaster> m_broadcaster;
+};

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class Settings;
+
+// Receives transfer progress. Implemented by the desktop settings window.
+class ProgressView {
+public:
+    virtual ~ProgressView() = default;
+    // Called on a session thread; return quickly (hop to your own thread).
+    virtual void setProgress(int percent) = 0;
+};
+
+// Raises desktop notifications. Implemented by the desktop shell.
+class Notifier {
+public:
+    virtual ~Notifier() = default;
+    // Called on a session or worker thread; return quickly. `name` is the
+    // notification's kind ("SENDFILE", "RECEIVEFILE", "UPDATE").
+    virtual void notify(const std::string& title, const std::string& description, const std::string& name) = 0;
+};
+
+// The one object through which background threads report to the person:
+// log lines (to the system log, gated by the trace setting) and progress.
+// Callable from any thread; holds no lock while it reports.
+class UIBridge {
+public:
+    explicit UIBridge(std::shared_ptr<Settings> settings = nullptr);
+
+    void logError(const std::string& message) const;
+    void logInfo(const std::string& message) const;
+    void logMessage(const std::string& message) const;
+    // percent = done * 100 / total in 32-bit arithmetic; the overflow past
+    // 21,474,836 is how the progress has always been computed.
+    void setProgress(std::int32_t done, std::int32_t total) const;
+    static std::int32_t percent(std::int32_t done, std::int32_t total);
+    // Posts a notification through the installed notifier, if any.
+    void notify(const std::string& title, const std::string& description, const std::string& name) const;
+
+    std::shared_ptr<Settings> settings() const;
+    void setSettings(std::shared_ptr<Settings> settings);
+    std::shared_ptr<ProgressView> settingsDialog() const;
+    void setSettingsDialog(std::shared_ptr<ProgressView> view);
+    std::shared_ptr<Notifier> notifier() const;
+    void setNotifier(std::shared_ptr<Notifier> notifier);
+
+private:
+    void log(const std::string& message) const;
+
+    // Guards the three pointers only; never held while calling out.
+    mutable std::mutex m_mutex;
+    std::shared_ptr<Settings> m_settings;
+    std::shared_ptr<ProgressView> m_settingsDialog;
+    std::shared_ptr<Notifier> m_notifier;
+};

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+class Settings;
+class UIBridge;
+
+// Lets phones on the LAN find the server: one thread announces the
+// identifier to 225.3.1.4:31415 every 5 seconds, another answers queries
+// received on 225.3.1.5:31415 by unicast to the sender, port 31415.
+// startBroadcasting/stopBroadcasting are called on the server or main thread.
+class Broadcaster {
+public:
+    Broadcaster(std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge);
+    ~Broadcaster();
+    Broadcaster(const Broadcaster&) = delete;
+    Broadcaster& operator=(const Broadcaster&) = delete;
+
+    void startBroadcasting();
+    // Returns once both threads have finished.
+    void stopBroadcasting();
+    // Sleeps up to `seconds`, waking early when broadcasting is stopped.
+    void safeWait(double seconds);
+
+    // Ports and groups are the protocol's; tests on one host never need
+    // to change them (they use two network namespaces).
+    static constexpr const char* kAnnounceGroup = "225.3.1.4";
+    static constexpr const char* kQueryGroup = "225.3.1.5";
+    static constexpr std::uint16_t kPort = 31415;
+
+private:
+    void threadProc();
+    void threadProc2();
+
+    std::shared_ptr<Settings> m_settings;
+    std::atomic<bool> m_keepBroadcasting{false};
+    std::atomic<std::int32_t> m_stillBroadcasting{0};
+    std::shared_ptr<UIBridge> m_uiBridge;
+    std::mutex m_waitMutex;
+    std::condition_variable m_wake;
+};

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// The server's configuration: loaded from the settings file when created,
+// written back only by writePreferences. Shared by every thread; string
+// fields are read and replaced whole under m_mutex, flags are atomic-free
+// plain values guarded by the same lock, so a reader always sees a whole
+// old or a whole new value.
+class Settings {
+public:
+    // Skips reconciling the login item with startOnLogin (the daemon's way:
+    // start at login belongs to the desktop application alone).
+    struct NoLoginItems {};
+
+    // Reads the settings file (writing the defaults when there is none),
+    // then brings the login item in line with startOnLogin.
+    Settings();
+    explicit Settings(NoLoginItems);
+
+    void readPreferences();
+    void writePreferences();
+
+    // IPv4 addresses of this machine, lastIP first, loopback never.
+    std::vector<std::string> validIPAddresses() const;
+    static std::string addressesToString(const std::vector<std::string>& addresses);
+    // "version:computer:user:addr,addr:port:MD5(hash)" built fresh each call.
+    std::string getIdentifier() const;
+    static std::string hashPasswordWithSalt(const std::string& plain);
+    void setPlainTextPassword(const std::string& plain);
+    std::string getHashedPassword() const;
+
+    std::string getBasePath() const;
+    void setBasePath(const std::string& path);
+    std::string getLastIP() const;
+    void setLastIP(const std::string& ip);
+    std::int32_t getPort() const;
+    void setPort(std::int32_t port);
+    bool getToast() const;
+    void setToast(bool on);
+    bool getStartOnLogin() const;
+    void setStartOnLogin(bool on);
+    bool getTrace() const;
+    void setTrace(bool on);
+    bool getVerbose() const;
+    void setVerbose(bool on);
+    std::string getVersion() const;
+    void setVersion(const std::string& version);
+
+    // The settings file, "~" expanded.
+    static std::string preferencesPath();
+    // "~/Documents", unexpanded.
+    static std::string defaultBasePath();
+    static std::string computerName();
+    static std::string userName();
+    // Absolute path of the running program.
+    static std::string appURL();
+    static std::string getVersionAPI();
+    static std::int32_t getVersionFromString(const std::string& version);
+    // Login items: an XDG autostart entry whose Exec is the program's path.
+    static bool willStartAtLogin(const std::string& appPath);
+    static void setStartAtLogin(const std::string& appPath, bool enabled);
+    // The autostart entry's path ($XDG_CONFIG_HOME/autostart/ZandrelSync.desktop).
+    static std::string autostartEntryPath();
+
+private:
+    void setDefaults();
+    void applyFileKeys(void* dict);
+
+    mutable std::mutex m_mutex;
+    std::string m_basePath;
+    std::string m_lastIP;
+    std::string m_password;
+    std::string m_version;
+    std::int32_t m_port = 35000;
+    bool m_toast = true;
+    bool m_startOnLogin = true;
+    bool m_trace = false;
+    bool m_verbose = false;
+};

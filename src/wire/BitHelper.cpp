@@ -1,0 +1,122 @@
+#include "wire/BitHelper.h"
+
+#include <cmath>
+#include <stdexcept>
+
+#include <utf8proc.h>
+
+#include "wire/BitConverter.h"
+
+namespace BitHelper {
+
+namespace {
+
+// Same failure as a byte-range extraction past the end of the buffer.
+void checkRange(const Bytes& data, std::int64_t index, std::int64_t length)
+{
+    if (index < 0 || length < 0 || index + length > static_cast<std::int64_t>(data.size()))
+        throw std::out_of_range("range out of bounds");
+}
+
+} // namespace
+
+Bytes encodeLongLong(std::int64_t value) { return BitConverter::getBytesFromLongLong(value); }
+
+Bytes encodeBool(bool value) { return BitConverter::getBytesFromBool(value); }
+
+Bytes encodeByte(std::uint8_t value) { return Bytes{value}; }
+
+Bytes encodeString(std::string_view value)
+{
+    Bytes out = encodeLongLong(static_cast<std::int64_t>(value.size()));
+    out.insert(out.end(), value.begin(), value.end());
+    return out;
+}
+
+Bytes encodeString(const std::optional<std::string>& value)
+{
+    return encodeString(value ? std::string_view(*value) : std::string_view());
+}
+
+Bytes encodeString(const char* value)
+{
+    return encodeString(value ? std::string_view(value) : std::string_view());
+}
+
+Bytes encodeLongLongNumber(std::optional<std::int64_t> value) { return encodeLongLong(value.value_or(0)); }
+
+Bytes encodeDate(std::optional<Date> value)
+{
+    if (!value)
+        return encodeLongLong(0);
+    return encodeLongLong(static_cast<std::int64_t>(std::trunc(*value)));
+}
+
+Bytes encodeLongLongArray(const std::vector<std::int64_t>& values)
+{
+    Bytes out;
+    for (auto v : values)
+        out += encodeLongLong(v);
+    return out;
+}
+
+Bytes encodeStrings(const std::vector<std::string>& values)
+{
+    Bytes out = encodeLongLong(static_cast<std::int64_t>(values.size()));
+    for (const auto& s : values)
+        out += encodeString(std::string_view(s));
+    return out;
+}
+
+std::int64_t decodeLongLong(const Bytes& data, std::int32_t& index)
+{
+    checkRange(data, index, 8);
+    auto value = BitConverter::toInt64(data.data() + index);
+    index += 8;
+    return value;
+}
+
+bool decodeBool(const Bytes& data, std::int32_t& index)
+{
+    checkRange(data, index, 1);
+    bool value = BitConverter::toBool(data.data() + index);
+    index += 1;
+    return value;
+}
+
+std::optional<std::string> decodeString(const Bytes& data, std::int32_t& index)
+{
+    std::int64_t n = decodeLongLong(data, index);
+    checkRange(data, index, n);
+    auto text = stringFromBinary(data.data() + index, static_cast<std::size_t>(n));
+    // The cursor moves as a 32-bit addition, as the protocol has always done.
+    index = static_cast<std::int32_t>(static_cast<std::uint32_t>(index) + static_cast<std::uint32_t>(n));
+    return text;
+}
+
+std::int64_t decodeLongLongNumber(const Bytes& data, std::int32_t& index) { return decodeLongLong(data, index); }
+
+Date decodeDate(const Bytes& data, std::int32_t& index)
+{
+    return static_cast<Date>(decodeLongLong(data, index));
+}
+
+std::optional<std::string> stringFromBinary(const std::uint8_t* data, std::size_t length)
+{
+    std::size_t pos = 0;
+    while (pos < length) {
+        utf8proc_int32_t cp = 0;
+        auto step = utf8proc_iterate(data + pos, static_cast<utf8proc_ssize_t>(length - pos), &cp);
+        if (step <= 0)
+            return std::nullopt;
+        pos += static_cast<std::size_t>(step);
+    }
+    return std::string(reinterpret_cast<const char*>(data), length);
+}
+
+std::optional<std::string> stringFromBinary(const Bytes& data)
+{
+    return stringFromBinary(data.data(), data.size());
+}
+
+} // namespace BitHelper

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// MD5 digests as text. The case differs on purpose and is part of the
+// protocol: file digests are lower case, string digests upper case.
+namespace Digest {
+
+// 32 lower-case hex digits of a file's contents, read in blocks so memory
+// stays bounded; a file that cannot be read is digested as empty input.
+std::string md5OfFile(const std::string& path);
+// 32 upper-case hex digits of the UTF-8 bytes of a string.
+std::string md5OfString(std::string_view text);
+// 32 lower-case hex digits of a byte range.
+std::string md5Hex(const void* data, std::size_t length);
+
+} // namespace Digest

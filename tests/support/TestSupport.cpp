@@ -1,0 +1,72 @@
+#include "TestSupport.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+TempHome::TempHome()
+{
+    if (const char* h = std::getenv("HOME")) {
+        m_hadHome = true;
+        m_oldHome = h;
+    }
+    if (const char* x = std::getenv("XDG_CONFIG_HOME")) {
+        m_hadXdg = true;
+        m_oldXdg = x;
+    }
+    std::string tmpl = (fs::temp_directory_path() / "zandrel-home-XXXXXX").string();
+    char* made = ::mkdtemp(tmpl.data());
+    if (!made)
+        throw std::runtime_error("mkdtemp failed");
+    m_path = made;
+    ::setenv("HOME", m_path.c_str(), 1);
+    ::setenv("XDG_CONFIG_HOME", (m_path / ".config").c_str(), 1);
+}
+
+TempHome::~TempHome()
+{
+    std::error_code ec;
+    fs::remove_all(m_path, ec);
+    if (m_hadHome)
+        ::setenv("HOME", m_oldHome.c_str(), 1);
+    else
+        ::unsetenv("HOME");
+    if (m_hadXdg)
+        ::setenv("XDG_CONFIG_HOME", m_oldXdg.c_str(), 1);
+    else
+        ::unsetenv("XDG_CONFIG_HOME");
+}
+
+fs::path TempHome::write(const std::string& relative, const std::string& contents) const
+{
+    fs::path p = m_path / relative;
+    fs::create_directories(p.parent_path());
+    std::ofstream(p, std::ios::binary) << contents;
+    return p;
+}
+
+CapturedLog::CapturedLog() : m_sink(std::make_shared<CapturingSink>())
+{
+    SystemLog::setSink(m_sink);
+}
+
+CapturedLog::~CapturedLog()
+{
+    SystemLog::setSink(nullptr);
+}
+
+bool CapturedLog::waitFor(std::string_view line, int milliseconds) const
+{
+    return m_sink->waitFor(line, std::chrono::milliseconds(milliseconds));
+}
+
+std::string readFile(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}

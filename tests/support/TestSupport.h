@@ -1,0 +1,50 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "app/SystemLog.h"
+
+// A fresh temporary folder used as $HOME (and XDG_CONFIG_HOME below it) for
+// the life of the object; the old values come back and the folder goes.
+class TempHome {
+public:
+    TempHome();
+    ~TempHome();
+    TempHome(const TempHome&) = delete;
+    TempHome& operator=(const TempHome&) = delete;
+
+    const std::filesystem::path& path() const { return m_path; }
+    // Writes a file below the home folder, making its parents.
+    std::filesystem::path write(const std::string& relative, const std::string& contents) const;
+
+private:
+    std::filesystem::path m_path;
+    std::string m_oldHome;
+    std::string m_oldXdg;
+    bool m_hadHome = false;
+    bool m_hadXdg = false;
+};
+
+// Installs a capturing log sink for the life of the object.
+class CapturedLog {
+public:
+    CapturedLog();
+    ~CapturedLog();
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
+
+    CapturingSink& sink() { return *m_sink; }
+    std::vector<std::string> lines() const { return m_sink->lines(); }
+    bool contains(std::string_view line) const { return m_sink->contains(line); }
+    // Waits for a line to be written, with a deadline.
+    bool waitFor(std::string_view line, int milliseconds = 5000) const;
+
+private:
+    std::shared_ptr<CapturingSink> m_sink;
+};
+
+std::string readFile(const std::filesystem::path& path);
