@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 class Broadcaster;
 class ProgressView;
@@ -50,10 +51,13 @@ private:
     std::shared_ptr<ProgressView> m_settingsDialog;
     std::atomic<bool> m_isRunning{false};
     std::atomic<bool> m_discovery{true};
+    std::atomic<bool> m_starting{false};
 
     // Guards the two pointers below and the running signal.
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::shared_ptr<SocketListener> m_listener;
     std::shared_ptr<Broadcaster> m_broadcaster;
+    std::optional<std::uint16_t> m_listeningPort;
+    std::thread m_serverThread;
 };

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 
+struct sockaddr_in;
 class Settings;
 class UIBridge;
 
@@ -35,11 +37,25 @@ public:
 private:
     void threadProc();
     void threadProc2();
+    // One run of each thread's set-up and loop; false once it should end.
+    bool announceOnce();
+    bool answerOnce();
+    void reply(const sockaddr_in& from, const char* identifier, int length);
+    void logInfo(const std::string& message) const;
+    void logShortSend(long sent, int length, int error) const;
+    // Bookkeeping that must be the last thing a thread does with `this`.
+    void threadFinished();
 
     std::shared_ptr<Settings> m_settings;
     std::atomic<bool> m_keepBroadcasting{false};
     std::atomic<std::int32_t> m_stillBroadcasting{0};
     std::shared_ptr<UIBridge> m_uiBridge;
+    // Guards the flag changes and counters the waits below depend on.
     std::mutex m_waitMutex;
     std::condition_variable m_wake;
+    // Threads started and not yet returned; the destructor waits for 0 so a
+    // thread that starts after a quick stop never outlives the object.
+    std::int32_t m_threadsAlive = 0;
+    // Readable once stopped, so the answering thread's select() ends at once.
+    int m_wakeFd = -1;
 };

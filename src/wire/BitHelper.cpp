@@ -38,6 +38,11 @@ Bytes encodeString(const std::optional<std::string>& value)
     return encodeString(value ? std::string_view(*value) : std::string_view());
 }
 
+Bytes encodeString(const std::string& value)
+{
+    return encodeString(std::string_view(value));
+}
+
 Bytes encodeString(const char* value)
 {
     return encodeString(value ? std::string_view(value) : std::string_view());

@@ -22,6 +22,7 @@ Bytes encodeByte(std::uint8_t value);
 // 8-byte UTF-8 byte count, then the bytes; an absent string is length 0.
 Bytes encodeString(const std::optional<std::string>& value);
 Bytes encodeString(std::string_view value);
+Bytes encodeString(const std::string& value);
 Bytes encodeString(const char* value);
 Bytes encodeLongLongNumber(std::optional<std::int64_t> value);
 // Whole seconds, truncated toward zero; an absent date is 0.

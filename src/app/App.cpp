@@ -1,0 +1,153 @@
+#include "app/App.h"
+
+#include <thread>
+
+#include <fmt/format.h>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+
+#include "app/SocketListener.h"
+#include "app/UIBridge.h"
+#include "discovery/Broadcaster.h"
+#include "settings/Settings.h"
+
+App::App(std::shared_ptr<Settings> settings)
+    : m_settings(std::move(settings)), m_uiBridge(std::make_shared<UIBridge>(m_settings))
+{
+}
+
+App::~App()
+{
+    stop();
+    if (m_serverThread.joinable())
+        m_serverThread.join();
+}
+
+void App::start()
+{
+    // A second start while the first is still coming up would make a second
+    // server thread fighting over the port; it is ignored instead.
+    if (m_isRunning || m_starting.exchange(true))
+        return;
+    // A previous server thread has finished its run by now (stop waited for
+    // it); collect it before starting the next.
+    if (m_serverThread.joinable())
+        m_serverThread.join();
+    m_serverThread = std::thread([this] { serverThread(); });
+}
+
+void App::serverThread()
+{
+    auto loop = std::make_shared<asio::io_context>(1);
+    auto work = asio::make_work_guard(*loop);
+
+    auto broadcaster = std::make_shared<Broadcaster>(m_settings, m_uiBridge);
+    auto listener = std::make_shared<SocketListener>(m_settings, m_uiBridge);
+    {
+        std::lock_guard lock(m_mutex);
+        m_broadcaster = broadcaster;
+        m_listener = listener;
+    }
+
+    // 1024..65535 as given; anything else lets the system choose.
+    auto port = m_settings->getPort();
+    bool inRange = static_cast<std::uint32_t>(port - 1024) < 64512u;
+    listener->setPort(inRange ? static_cast<std::uint16_t>(port) : 0);
+
+    std::optional<TCPServerError> error;
+    bool listening = listener->start(&error, loop);
+    if (listening)
+        m_uiBridge->logInfo(fmt::format("Starting server on port {}", listener->port()));
+    else
+        m_uiBridge->logError(fmt::format("Error starting server: {}", error ? error->description() : "(null)"));
+    // Both lines come even when listening failed; phones' logs have always shown them.
+    m_uiBridge->logInfo(fmt::format("Server started on port {}", listener->port()));
+    m_uiBridge->logInfo(m_settings->getIdentifier());
+
+    {
+        std::lock_guard lock(m_mutex);
+        m_listeningPort = listening ? listener->port() : 0;
+        m_isRunning = true;
+        m_starting = false;
+    }
+    m_changed.notify_all();
+    if (m_discovery)
+        broadcaster->startBroadcasting();
+
+    // With no listening socket the loop has nothing to serve and returns at
+    // once, as an empty run loop does.
+    if (listening)
+        loop->run();
+
+    // Wait for stop to finish its work before the loop goes away.
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return !m_isRunning; });
+}
+
+void App::stop()
+{
+    if (!m_isRunning)
+        return;
+    std::shared_ptr<SocketListener> listener;
+    std::shared_ptr<Broadcaster> broadcaster;
+    {
+        std::lock_guard lock(m_mutex);
+        listener = m_listener;
+        broadcaster = m_broadcaster;
+    }
+    broadcaster->stopBroadcasting();
+    listener->stop();
+    listener->shutdown();
+    {
+        std::lock_guard lock(m_mutex);
+        m_listener.reset();
+        m_broadcaster.reset();
+    }
+    listener.reset();
+    broadcaster.reset();
+    m_uiBridge->logInfo("Stopped Echo server");
+    {
+        std::lock_guard lock(m_mutex);
+        m_isRunning = false;
+        m_listeningPort.reset();
+    }
+    m_changed.notify_all();
+    if (m_serverThread.joinable())
+        m_serverThread.join();
+}
+
+std::optional<std::uint16_t> App::waitUntilRunning(std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(m_mutex);
+    if (!m_changed.wait_for(lock, timeout, [this] { return m_listeningPort.has_value(); }))
+        return std::nullopt;
+    return m_listeningPort;
+}
+
+void App::addSettingsDialog(std::shared_ptr<ProgressView> dialog)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_settingsDialog = dialog;
+    }
+    m_uiBridge->setSettingsDialog(std::move(dialog));
+}
+
+std::shared_ptr<SocketListener> App::listener() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_listener;
+}
+
+std::shared_ptr<Broadcaster> App::broadcaster() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_broadcaster;
+}
+
+std::shared_ptr<ProgressView> App::settingsDialog() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_settingsDialog;
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+
+#include "wire/Bytes.h"
+#include "wire/SocketStreams.h"
+
+// Why start failed: domain "TCPServerErrorDomain", code 1 (bind) or 2 (socket).
+struct TCPServerError {
+    std::string domain = "TCPServerErrorDomain";
+    int code = 0;
+    std::string description() const;
+};
+
+// One listening IPv4 TCP socket on the server thread's loop; turns each
+// accepted connection into a stream pair for handleNewConnection. start and
+// the accept handler run on the server thread; stop may come from any thread.
+class TCPServer {
+public:
+    static constexpr int kNoSocket = -5;
+
+    TCPServer() = default;
+    virtual ~TCPServer();
+    TCPServer(const TCPServer&) = delete;
+    TCPServer& operator=(const TCPServer&) = delete;
+
+    // Opens, binds and schedules the socket on `loop`, which the calling
+    // thread then runs. Port 0 lets the system choose; port() reads it back.
+    bool start(std::optional<TCPServerError>* error, std::shared_ptr<asio::io_context> loop);
+    // Closes the socket and stops the loop recorded by start. Always true.
+    bool stop();
+    void unscheduleFromRunLoop();
+
+    std::uint16_t port() const { return m_port; }
+    void setPort(std::uint16_t port) { m_port = port; }
+    int nativeSocket() const { return m_nativeSocket; }
+
+protected:
+    // Called on the server thread with each accepted connection; the base
+    // drops it (the streams go, and the connection closes).
+    virtual void handleNewConnection(std::optional<Bytes> address, StreamPair streams);
+    const std::shared_ptr<asio::io_context>& runLoop() const { return m_runLoop; }
+
+private:
+    void acceptNext();
+    void onAccept(const std::error_code& ec, asio::ip::tcp::socket socket);
+    void closeSocket();
+
+    std::uint16_t m_port = 0;
+    std::shared_ptr<asio::io_context> m_runLoop;
+    std::unique_ptr<asio::ip::tcp::acceptor> m_socket;
+    bool m_scheduled = false;
+    int m_nativeSocket = kNoSocket;
+};

@@ -1,0 +1,110 @@
+// zandrel-syncd: the sync server without a desktop, in the foreground until
+// SIGTERM or SIGINT.
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "app/App.h"
+#include "app/SystemLog.h"
+#include "session/SocketServer.h"
+#include "settings/Settings.h"
+
+namespace {
+
+constexpr const char* kUsage = R"(Usage: zandrel-syncd [options]
+
+Serves phones on the local network without a desktop, in the foreground.
+Settings are read from (or created at) the user's settings file; stop with
+Ctrl-C or SIGTERM.
+
+Options:
+  --log-stderr     write log lines to standard error instead of the system log
+                   (lines appear only when logging is on in the settings)
+  --no-discovery   do not announce the server or answer phones looking for it
+  --help           show this help and exit
+  --version        show the version and exit
+)";
+
+struct Options {
+    bool logStderr = false;
+    bool discovery = true;
+};
+
+// Blocks SIGINT/SIGTERM in every thread started later, so that only
+// sigwait() below receives them.
+sigset_t blockStopSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return set;
+}
+
+int parse(int argc, char** argv, Options& options)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--log-stderr") {
+            options.logStderr = true;
+        } else if (arg == "--no-discovery") {
+            options.discovery = false;
+        } else if (arg == "--help" || arg == "-h") {
+            std::cout << kUsage;
+            return 0;
+        } else if (arg == "--version") {
+            std::cout << "zandrel-syncd " << Settings::getVersionAPI() << "\n";
+            return 0;
+        } else {
+            std::cerr << "zandrel-syncd: unknown option '" << arg << "'\n"
+                      << "Try 'zandrel-syncd --help' for the options.\n";
+            return 2;
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (int rc = parse(argc, argv, options); rc >= 0)
+        return rc;
+
+    sigset_t stopSignals = blockStopSignals();
+    if (options.logStderr)
+        SystemLog::setSink(std::make_shared<StderrSink>());
+
+    // Start at login belongs to the desktop application: the daemon neither
+    // adds nor removes a login item.
+    auto settings = std::make_shared<Settings>(Settings::NoLoginItems{});
+    App app(settings);
+    app.setDiscoveryEnabled(options.discovery);
+    app.start();
+
+    auto port = app.waitUntilRunning(std::chrono::seconds(30));
+    if (!port || *port == 0) {
+        std::cerr << fmt::format("zandrel-syncd: could not listen on port {} (is another server running there?). "
+                                 "Choose another port in {} or stop the other program.\n",
+            settings->getPort(), Settings::preferencesPath());
+        app.stop();
+        return 1;
+    }
+    std::cout << fmt::format("zandrel-syncd serving on port {} (settings: {})", *port, Settings::preferencesPath())
+              << std::endl;
+
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    app.stop();
+    // Sessions end on their own threads; give them a moment to say goodbye.
+    SocketServer::waitForAllSessions(std::chrono::seconds(3));
+    return 0;
+}

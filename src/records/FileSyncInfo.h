@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "records/FileKind.h"
+
+// One file as reported to the phone: its path in parts, kind, size, dates,
+// attribute flags and, once a listing has computed it, its MD5 text.
+// A plain value, built per request and encoded at once.
+class FileSyncInfo {
+public:
+    std::string fullName;
+    std::string parent;
+    std::string name;
+    std::string extension;
+    std::int32_t kind = FileKindOther;
+    std::uint64_t size = 0;
+    std::int64_t created = 0;
+    std::int64_t modified = 0;
+    // Never set on this platform; on the wire all the same.
+    bool archive = false;
+    bool compressed = false;
+    bool encrypted = false;
+    bool hidden = false;
+    bool readonly = false;
+    bool system = false;
+    // Lower-case hex MD5, filled in only by the recursive listing.
+    std::optional<std::string> hash;
+
+    // Never fails: a missing file keeps its path parts, with size and dates 0.
+    static FileSyncInfo initFromPath(const std::string& path);
+    // The empty record that ends a streamed list.
+    static FileSyncInfo finish();
+
+    std::int32_t guessFileType() const;
+    // Same path, case-sensitive, canonically equivalent Unicode forms equal.
+    bool isEqual(const FileSyncInfo& other) const;
+    // Everything but the hash, which the copy leaves absent.
+    FileSyncInfo copy() const;
+};

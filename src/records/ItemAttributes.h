@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// What the records read from the disk about one item. A final symbolic link
+// is examined itself, never followed.
+struct ItemAttributes {
+    std::uint64_t size = 0;
+    // Whole seconds since 1970, truncated toward zero; 0 where unknown.
+    std::int64_t created = 0;
+    std::int64_t modified = 0;
+    bool isRegularFile = false;
+
+    // Never fails: an item whose attributes cannot be read gives all zeros.
+    static ItemAttributes read(const std::string& path);
+};
+
+// True when this process may write the item.
+bool isWritableByUs(const std::string& path);
+
+// The canonical decomposition (NFD) of a UTF-8 text; text that is not valid
+// UTF-8 comes back unchanged.
+std::string canonicalDecomposition(const std::string& text);

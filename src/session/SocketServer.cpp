@@ -1,0 +1,290 @@
+#include "session/SocketServer.h"
+
+#include <condition_variable>
+#include <latch>
+#include <thread>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "app/UIBridge.h"
+#include "session/Commands.h"
+#include "settings/Settings.h"
+#include "wire/BitHelper.h"
+#include "wire/Digest.h"
+
+namespace {
+
+std::atomic<std::int64_t> g_lifetimeMs{360000};
+
+// Counts session threads that have not finished, for a clean process exit.
+std::mutex g_liveMutex;
+std::condition_variable g_liveChanged;
+int g_live = 0;
+
+void liveAdd(int delta)
+{
+    {
+        std::lock_guard lock(g_liveMutex);
+        g_live += delta;
+    }
+    g_liveChanged.notify_all();
+}
+
+} // namespace
+
+std::shared_ptr<SocketServer> SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
+    std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io)
+{
+    std::shared_ptr<SocketServer> session(
+        new SocketServer(std::move(streams), std::move(settings), std::move(uiBridge), std::move(listener), io));
+
+    // The thread waits for creation to finish, so that "Added connection."
+    // always precedes the session's own lines.
+    auto created = std::make_shared<std::latch>(1);
+    liveAdd(1);
+    std::thread([session, created] {
+        created->wait();
+        session->threadProc();
+        liveAdd(-1);
+    }).detach();
+
+    session->m_timer = std::make_unique<asio::steady_timer>(*io, std::chrono::milliseconds(g_lifetimeMs.load()));
+    std::weak_ptr<SocketServer> weak = session;
+    session->m_timer->async_wait([weak](const std::error_code& ec) {
+        if (ec)
+            return;
+        if (auto self = weak.lock())
+            self->killTime();
+    });
+    session->m_uiBridge->logInfo("Added connection.");
+    created->count_down();
+    return session;
+}
+
+SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
+    std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io)
+    : m_uiBridge(std::move(uiBridge))
+    , m_istream(std::move(streams.input))
+    , m_ostream(std::move(streams.output))
+    , m_settings(std::move(settings))
+    , m_listener(std::move(listener))
+    , m_io(*m_istream, *m_ostream, *this)
+    , m_loop(std::move(io))
+    , m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    auto onEvent = [this](int event) { streamEvent(event); };
+    m_istream->setEventHandler(onEvent);
+    m_ostream->setEventHandler(onEvent);
+}
+
+SocketServer::~SocketServer()
+{
+    if (m_wakeFd >= 0)
+        ::close(m_wakeFd);
+}
+
+void SocketServer::setLifetime(std::chrono::milliseconds lifetime) { g_lifetimeMs = lifetime.count(); }
+
+int SocketServer::liveSessions()
+{
+    std::lock_guard lock(g_liveMutex);
+    return g_live;
+}
+
+bool SocketServer::waitForAllSessions(std::chrono::milliseconds timeout)
+{
+    std::unique_lock lock(g_liveMutex);
+    return g_liveChanged.wait_for(lock, timeout, [] { return g_live == 0; });
+}
+
+std::string SocketServer::getMD5FromFile(const std::string& path) { return Digest::md5OfFile(path); }
+
+std::string SocketServer::getMD5FromString(const std::string& text) { return Digest::md5OfString(text); }
+
+void SocketServer::shutdown()
+{
+    m_keepRunning = false;
+    std::uint64_t one = 1;
+    [[maybe_unused]] auto n = ::write(m_wakeFd, &one, sizeof one);
+}
+
+void SocketServer::streamEvent(int event)
+{
+    if (event == kStreamEventErrorOccurred || event == kStreamEventEndEncountered)
+        m_keepRunning = false;
+}
+
+void SocketServer::killTime()
+{
+    m_istream->close();
+    m_ostream->close();
+}
+
+void SocketServer::threadProc()
+{
+    m_istream->open();
+    m_ostream->open();
+    m_keepRunning = true;
+    m_connected = true;
+    m_authenticated = false;
+    try {
+        commandLoop();
+    } catch (const SyncException& failure) {
+        if (failure.name() != "Close")
+            logError(fmt::format("Exception in run loop: {}", failure.reason()));
+    } catch (const std::exception& failure) {
+        logError(fmt::format("Exception in run loop: {}", failure.what()));
+    }
+    closeStreams();
+}
+
+bool SocketServer::waitForCommand()
+{
+    if (m_istream->hasBytesAvailable())
+        return true;
+    // Instead of sleeping in short steps: wait for data on the socket (while
+    // it is still open) or for shutdown(), whichever comes first.
+    pollfd fds[2];
+    nfds_t count = 0;
+    if (m_istream->isUsable())
+        fds[count++] = {m_istream->fd(), POLLIN, 0};
+    fds[count++] = {m_wakeFd, POLLIN, 0};
+    ::poll(fds, count, 1000);
+    return m_istream->hasBytesAvailable();
+}
+
+void SocketServer::commandLoop()
+{
+    while (m_keepRunning) {
+        if (waitForCommand()) {
+            std::uint8_t code = 0;
+            m_io.read(&code, 1, "get command");
+            std::int64_t length = m_io.readLong("get length of command");
+            logInfo(fmt::format("Command: {}, Len = {}", code, length));
+            verifyPassword(code);
+            dispatch(code);
+        }
+        if (!m_keepRunning)
+            break;
+    }
+}
+
+void SocketServer::verifyPassword(std::uint8_t code)
+{
+    try {
+        auto received = m_io.readString("verifying password");
+        std::string text = received.value_or("");
+        // Absent (invalid UTF-8) prints as the missing value always has.
+        logInfo(fmt::format("Received password: {}", received ? text : std::string("(null)")));
+        if (code == Command::IdentifyHost) {
+            // Identify authenticates whatever password it carries.
+            m_authenticated = true;
+            return;
+        }
+        auto stored = m_settings->getHashedPassword();
+        if (received && text == stored) {
+            m_authenticated = true;
+            logInfo("Authenticated.");
+        } else {
+            requirePassword();
+            logInfo(fmt::format("Not authenticated.  Received '{}' != '{}'.", received ? text : "(null)", stored));
+        }
+    } catch (const std::exception& failure) {
+        m_io.writeErrorPacket(Command::PasswordFailed, failure, "verifying password");
+        throw;
+    }
+}
+
+void SocketServer::requirePassword()
+{
+    m_io.writeDataPacket(Command::PasswordRequired, Bytes{}, "run loop");
+}
+
+void SocketServer::dispatch(std::uint8_t code)
+{
+    if (Command::needsAuthentication(code) && !m_authenticated) {
+        requirePassword();
+        return;
+    }
+    switch (code) {
+    case Command::IdentifyHost: identifyHost(); break;
+    case Command::StartSync: startSync(); break;
+    case Command::DefaultPath: defaultPath(); break;
+    case Command::ParentFolder: parentFolder(); break;
+    case Command::PathExists: pathExists(); break;
+    case Command::FolderInfo: folderInfo(); break;
+    case Command::FoldersInFolder: foldersInFolder(); break;
+    case Command::FilesInFolder: filesInFolder(); break;
+    case Command::AllFilesInFolder: allFilesInFolder(); break;
+    case Command::CalculateFileHash: calculateFileHash(); break;
+    case Command::DownloadFiles: downloadFiles(); break;
+    case Command::UploadFiles: uploadFiles(); break;
+    case Command::CreateDirectories: createDirectories(); break;
+    case Command::DeleteFiles: deleteFiles(); break;
+    case Command::DeleteFolders: deleteFolders(); break;
+    case Command::RenameFiles: renameFiles(); break;
+    case Command::FreeSpace: freeSpace(); break;
+    case Command::FinishSync: finishSync(); break;
+    default: invalidCommand(); break;
+    }
+}
+
+void SocketServer::identifyHost()
+{
+    const std::string context = "identifying host";
+    guarded(Command::IdentifyHost, context, [&] {
+        auto identifier = m_settings->getIdentifier();
+        logInfo(fmt::format("Identifying host: {}", identifier));
+        m_io.writeDataPacket(Command::IdentifyHost, BitHelper::encodeString(std::string_view(identifier)), context);
+    });
+}
+
+void SocketServer::startSync()
+{
+    const std::string context = "starting sync";
+    guarded(Command::StartSync, context, [&] {
+        logInfo("Starting sync.");
+        m_io.writeDataPacket(Command::StartSync, BitHelper::encodeBool(true), context);
+    });
+}
+
+void SocketServer::finishSync()
+{
+    const std::string context = "finishing sync";
+    guarded(Command::FinishSync, context, [&] {
+        logInfo("Finished sync.");
+        m_io.writeDataPacket(Command::FinishSync, BitHelper::encodeBool(true), context);
+    });
+}
+
+void SocketServer::invalidCommand()
+{
+    // The rest of an unknown command's payload is not skipped: it is read
+    // as the next command, as phones have always seen it.
+    const std::string context = "invalid";
+    guarded(Command::Invalid, context, [&] {
+        logInfo("Invalid command.");
+        m_io.writeEmptyHeader(Command::Invalid, context);
+    });
+}
+
+void SocketServer::closeStreams()
+{
+    m_connected = false;
+    m_istream->close();
+    m_ostream->close();
+    m_istream->clearEventHandler();
+    m_ostream->clearEventHandler();
+    logInfo("Connection closed.");
+    if (auto listener = m_listener.lock())
+        listener->removeConnection(this);
+}
+
+void SocketServer::logInfo(const std::string& message) { m_uiBridge->logInfo(message); }
+void SocketServer::logMessage(const std::string& message) { m_uiBridge->logMessage(message); }
+void SocketServer::logError(const std::string& message) { m_uiBridge->logError(message); }
+bool SocketServer::verbose() const { return m_settings->getVerbose(); }

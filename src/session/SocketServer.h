@@ -1,0 +1,136 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "wire/SocketStreams.h"
+#include "wire/StreamIO.h"
+
+class Settings;
+class UIBridge;
+class SocketServer;
+
+// The owner told when a session ends (the listener's registry).
+class SessionRegistry {
+public:
+    virtual ~SessionRegistry() = default;
+    // Called on the ending session's own thread.
+    virtual void removeConnection(SocketServer* session) = 0;
+};
+
+// One phone's session: its own thread reads one command at a time, applies
+// the password rule and hands the command to its handler. Created on the
+// server thread; the lifetime timer fires there too and only closes streams.
+class SocketServer : public std::enable_shared_from_this<SocketServer>, private StreamLogger {
+public:
+    // Builds the session, starts its thread and arms its lifetime timer on
+    // `io` (the server thread's loop). Logs "Added connection.".
+    static std::shared_ptr<SocketServer> create(StreamPair streams, std::shared_ptr<Settings> settings,
+        std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener,
+        std::shared_ptr<asio::io_context> io);
+    ~SocketServer() override;
+    SocketServer(const SocketServer&) = delete;
+    SocketServer& operator=(const SocketServer&) = delete;
+
+    bool isConnected() const { return m_connected; }
+    // Asks the loop to end at its next check; callable from any thread.
+    void shutdown();
+
+    // Digest texts: lower case for files, upper case for strings.
+    static std::string getMD5FromFile(const std::string& path);
+    static std::string getMD5FromString(const std::string& text);
+
+    // How long a connection lives (360 s); tests shorten it.
+    static void setLifetime(std::chrono::milliseconds lifetime);
+    // Sessions whose thread has not finished yet, process-wide.
+    static int liveSessions();
+    // Waits until every session thread has finished, or the time runs out.
+    static bool waitForAllSessions(std::chrono::milliseconds timeout);
+
+private:
+    SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
+        std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io);
+
+    void threadProc();
+    void commandLoop();
+    bool waitForCommand();
+    void dispatch(std::uint8_t code);
+    void verifyPassword(std::uint8_t code);
+    void requirePassword();
+    void identifyHost();
+    void startSync();
+    void finishSync();
+    void invalidCommand();
+    void closeStreams();
+    void killTime();
+    void streamEvent(int event);
+
+    // Folder queries.
+    void defaultPath();
+    void parentFolder();
+    void pathExists();
+    void folderInfo();
+    void foldersInFolder();
+    void filesInFolder();
+    void allFilesInFolder();
+    void calculateFileHash();
+    void recurseFolder(const std::string& path, bool withHash);
+    // Transfers.
+    void downloadFiles();
+    void uploadFiles();
+    // File-system operations.
+    void createDirectories();
+    void deleteFiles();
+    void deleteFolders();
+    void renameFiles();
+    void freeSpace();
+
+    // Runs one handler's body inside the failure pattern every handler
+    // shares: answer with an error packet under `code`, then rethrow.
+    template <typename Body>
+    void guarded(std::uint8_t code, const std::string& context, Body&& body);
+
+    // StreamLogger
+    void logInfo(const std::string& message) override;
+    void logMessage(const std::string& message) override;
+    void logError(const std::string& message) override;
+    bool verbose() const override;
+
+    std::shared_ptr<UIBridge> m_uiBridge;
+    std::shared_ptr<InputStream> m_istream;
+    std::shared_ptr<OutputStream> m_ostream;
+    std::shared_ptr<Settings> m_settings;
+    std::weak_ptr<SessionRegistry> m_listener;
+    StreamIO m_io;
+    // Declared before the timer so that the loop outlives it.
+    std::shared_ptr<asio::io_context> m_loop;
+    std::unique_ptr<asio::steady_timer> m_timer;
+    // Wakes the wait between commands when shutdown() is called.
+    int m_wakeFd = -1;
+
+    // Written by the listener's and the session's threads, read by the loop.
+    std::atomic<bool> m_keepRunning{false};
+    std::atomic<bool> m_connected{false};
+    bool m_authenticated = false;
+};
+
+#include "wire/SyncException.h"
+
+template <typename Body>
+void SocketServer::guarded(std::uint8_t code, const std::string& context, Body&& body)
+{
+    try {
+        body();
+    } catch (const std::exception& failure) {
+        m_io.writeErrorPacket(code, failure, context);
+        throw;
+    }
+}

@@ -1,0 +1,371 @@
+#include "settings/Settings.h"
+
+#include <filesystem>
+#include <optional>
+#include <system_error>
+
+#include <fmt/format.h>
+#include <plist/plist.h>
+
+#include "app/SystemLog.h"
+#include "settings/HostInfo.h"
+#include "settings/LoginItems.h"
+#include "settings/NumberText.h"
+#include "settings/PlistFile.h"
+#include "wire/Digest.h"
+#include "wire/Paths.h"
+
+namespace {
+
+// Fixed for the life of the protocol: phones salt the password the same way.
+constexpr const char* kSalt = "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE";
+constexpr const char* kDefaultPassword = "Sesamely";
+constexpr const char* kPreferencesFile = "~/Library/Preferences/com.orvantics.ZandrelSync.plist";
+constexpr const char* kVersionPrefix = "ZandrelSync4Mac ";
+constexpr std::int32_t kDefaultPort = 35000;
+
+// Copies a key's value into a field when the key is present and its value
+// has the reading asked for; otherwise the field keeps what it had.
+template <class T, class Reading>
+void applyKey(plist_t dict, const char* key, T& field, Reading reading)
+{
+    if (plist_t node = plist_dict_get_item(dict, key)) {
+        if (std::optional<T> value = reading(node))
+            field = *value;
+    }
+}
+
+} // namespace
+
+Settings::Settings()
+{
+    readPreferences();
+    // Bring the login item in line with the stored choice at every start.
+    const std::string app = appURL();
+    if (app.empty())
+        return;
+    const bool wanted = getStartOnLogin();
+    if (willStartAtLogin(app) != wanted)
+        setStartAtLogin(app, wanted);
+}
+
+Settings::Settings(NoLoginItems)
+{
+    readPreferences();
+}
+
+// Caller holds m_mutex.
+void Settings::setDefaults()
+{
+    m_basePath = defaultBasePath();
+    m_lastIP.clear();
+    m_password = hashPasswordWithSalt(kDefaultPassword);
+    // Rebuilt at every load and never stored in the file.
+    m_version = std::string(kVersionPrefix) + ZANDREL_VERSION;
+    m_port = kDefaultPort;
+    m_toast = true;
+    m_startOnLogin = true;
+    m_trace = false;
+    m_verbose = false;
+}
+
+void Settings::readPreferences()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        setDefaults();
+    }
+    const std::string path = preferencesPath();
+    std::error_code ec;
+    if (!std::filesystem::exists(path, ec) && !ec) {
+        // The defaults go out before the addresses are consulted, so a
+        // fresh file holds an empty lastIP.
+        writePreferences();
+    } else {
+        PlistFile::ReadResult file = PlistFile::readDictionary(path);
+        if (file.root) {
+            applyFileKeys(file.root.get());
+        } else {
+            // Defaults stay; the bad file is left alone until the next save.
+            SystemLog::write(fmt::format("Error reading plist: {}, format: {}", file.error, file.format));
+        }
+    }
+    // The stored last IP stays first while the machine still has it;
+    // otherwise the first address found takes its place (in memory only).
+    std::vector<std::string> addresses = validIPAddresses();
+    if (!addresses.empty()) {
+        std::lock_guard lock(m_mutex);
+        m_lastIP = addresses.front();
+    }
+}
+
+void Settings::applyFileKeys(void* root)
+{
+    auto dict = static_cast<plist_t>(root);
+    std::lock_guard lock(m_mutex);
+    // A plain password wins over the stored hash; it is hashed here and
+    // disappears from the file at the next write.
+    if (plist_t plain = plist_dict_get_item(dict, "password")) {
+        if (auto text = PlistFile::stringValue(plain))
+            m_password = hashPasswordWithSalt(*text);
+    } else {
+        // Taken verbatim, unchecked: a malformed hash simply never matches.
+        applyKey(dict, "hashword", m_password, PlistFile::stringValue);
+    }
+    applyKey(dict, "basePath", m_basePath, PlistFile::stringValue);
+    applyKey(dict, "lastIP", m_lastIP, PlistFile::stringValue);
+    applyKey(dict, "port", m_port, PlistFile::intValue);
+    applyKey(dict, "toast", m_toast, PlistFile::boolValue);
+    applyKey(dict, "startOnLogin", m_startOnLogin, PlistFile::boolValue);
+    applyKey(dict, "trace", m_trace, PlistFile::boolValue);
+    applyKey(dict, "verbose", m_verbose, PlistFile::boolValue);
+}
+
+void Settings::writePreferences()
+{
+    // A fresh dictionary every time: unknown keys and a plain "password"
+    // are dropped from the file here.
+    PlistFile::Node root(plist_new_dict());
+    auto dict = static_cast<plist_t>(root.get());
+    {
+        std::lock_guard lock(m_mutex);
+        plist_dict_set_item(dict, "basePath", plist_new_string(m_basePath.c_str()));
+        plist_dict_set_item(dict, "hashword", plist_new_string(m_password.c_str()));
+        plist_dict_set_item(dict, "lastIP", plist_new_string(m_lastIP.c_str()));
+        // Two's complement in 64 bits, so a negative port reads back as itself.
+        plist_dict_set_item(dict, "port", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(m_port))));
+        plist_dict_set_item(dict, "startOnLogin", plist_new_bool(m_startOnLogin));
+        plist_dict_set_item(dict, "toast", plist_new_bool(m_toast));
+        plist_dict_set_item(dict, "trace", plist_new_bool(m_trace));
+        plist_dict_set_item(dict, "verbose", plist_new_bool(m_verbose));
+    }
+    // A failed save is not reported; the old file, if any, stays whole.
+    PlistFile::writeXml(preferencesPath(), dict);
+}
+
+std::vector<std::string> Settings::validIPAddresses() const
+{
+    std::optional<std::vector<std::string>> found = HostInfo::interfaceAddresses();
+    if (!found)
+        return {};
+    return HostInfo::orderAddresses(*found, getLastIP());
+}
+
+std::string Settings::addressesToString(const std::vector<std::string>& addresses)
+{
+    std::string joined;
+    for (std::size_t i = 0; i < addresses.size(); ++i) {
+        if (i > 0)
+            joined += ',';
+        joined += addresses[i];
+    }
+    return joined;
+}
+
+std::string Settings::getIdentifier() const
+{
+    std::string version;
+    std::string hash;
+    std::int32_t port = 0;
+    {
+        std::lock_guard lock(m_mutex);
+        version = m_version;
+        hash = m_password;
+        port = m_port;
+    }
+    // The last field digests the stored hash so the hash itself is never
+    // announced on the network.
+    return fmt::format("{}:{}:{}:{}:{}:{}", version, computerName(), userName(),
+                       addressesToString(validIPAddresses()), port, Digest::md5OfString(hash));
+}
+
+std::string Settings::hashPasswordWithSalt(const std::string& plain)
+{
+    return Digest::md5OfString(std::string(kSalt) + plain);
+}
+
+void Settings::setPlainTextPassword(const std::string& plain)
+{
+    std::string hash = hashPasswordWithSalt(plain);
+    std::lock_guard lock(m_mutex);
+    m_password = std::move(hash);
+}
+
+std::string Settings::getHashedPassword() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_password;
+}
+
+std::string Settings::getBasePath() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_basePath;
+}
+
+void Settings::setBasePath(const std::string& path)
+{
+    std::lock_guard lock(m_mutex);
+    m_basePath = path;
+}
+
+std::string Settings::getLastIP() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_lastIP;
+}
+
+void Settings::setLastIP(const std::string& ip)
+{
+    std::lock_guard lock(m_mutex);
+    m_lastIP = ip;
+}
+
+std::int32_t Settings::getPort() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_port;
+}
+
+void Settings::setPort(std::int32_t port)
+{
+    std::lock_guard lock(m_mutex);
+    m_port = port;
+}
+
+bool Settings::getToast() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_toast;
+}
+
+void Settings::setToast(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_toast = on;
+}
+
+bool Settings::getStartOnLogin() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_startOnLogin;
+}
+
+void Settings::setStartOnLogin(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_startOnLogin = on;
+}
+
+bool Settings::getTrace() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_trace;
+}
+
+void Settings::setTrace(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_trace = on;
+}
+
+bool Settings::getVerbose() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_verbose;
+}
+
+void Settings::setVerbose(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_verbose = on;
+}
+
+std::string Settings::getVersion() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_version;
+}
+
+void Settings::setVersion(const std::string& version)
+{
+    std::lock_guard lock(m_mutex);
+    m_version = version;
+}
+
+std::string Settings::preferencesPath()
+{
+    // Expanded at every access: $HOME may change between calls (tests do).
+    return Paths::expandTilde(kPreferencesFile);
+}
+
+std::string Settings::defaultBasePath()
+{
+    // Left unexpanded on purpose: phones are shown the text with "~".
+    static const std::string path = "~/Documents";
+    return path;
+}
+
+std::string Settings::computerName()
+{
+    return HostInfo::computerName(HostInfo::machineInfoPath());
+}
+
+std::string Settings::userName()
+{
+    return HostInfo::userName();
+}
+
+std::string Settings::appURL()
+{
+    return HostInfo::programPath();
+}
+
+std::string Settings::getVersionAPI()
+{
+    return ZANDREL_VERSION;
+}
+
+std::int32_t Settings::getVersionFromString(const std::string& version)
+{
+    std::vector<std::string> parts(1);
+    for (char c : version) {
+        if (c == '.')
+            parts.emplace_back();
+        else
+            parts.back() += c;
+    }
+    if (parts.size() != 3)
+        return 0;
+    // 32-bit wrap-around, done unsigned to stay defined; a minor or patch
+    // of 100 or more spills into the next place, kept as it is.
+    std::uint32_t value = 0;
+    for (const std::string& part : parts)
+        value = value * 100u + static_cast<std::uint32_t>(NumberText::leadingInteger(part));
+    return static_cast<std::int32_t>(value);
+}
+
+bool Settings::willStartAtLogin(const std::string& appPath)
+{
+    std::optional<std::string> program = LoginItems::entryProgram(LoginItems::entryPath());
+    return program && *program == appPath;
+}
+
+void Settings::setStartAtLogin(const std::string& appPath, bool enabled)
+{
+    const bool present = willStartAtLogin(appPath);
+    const std::string entry = LoginItems::entryPath();
+    // One entry name is ours, so adding for a new path replaces an entry
+    // left by an old one. Failures are silent: the login item is a comfort.
+    if (enabled && !present) {
+        LoginItems::writeEntry(entry, appPath);
+    } else if (!enabled && present) {
+        std::error_code ec;
+        std::filesystem::remove(entry, ec);
+    }
+}
+
+std::string Settings::autostartEntryPath()
+{
+    return LoginItems::entryPath();
+}

@@ -1,0 +1,305 @@
+#include "wire/StreamIO.h"
+
+#include <algorithm>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "wire/BitConverter.h"
+#include "wire/BitHelper.h"
+#include "wire/SyncException.h"
+
+namespace {
+
+std::mutex& readLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+
+std::mutex& writeLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+
+// How long one wait for the peer lasts before the status is looked at again;
+// close() wakes the wait at once, so this only bounds an unforeseen stall.
+constexpr int kWaitSliceMs = 500;
+
+// Past this many bytes a length from the wire is not trusted for one
+// allocation: the buffer grows as the bytes arrive.
+constexpr std::int64_t kGrowStep = 1 << 20;
+
+// Reads straight into a caller's buffer.
+struct FixedSink {
+    std::uint8_t* at;
+    std::uint8_t* space(std::int64_t) { return at; }
+    void commit(std::int64_t n) { at += n; }
+};
+
+// Reads into a vector that grows with what has arrived.
+struct GrowingSink {
+    std::vector<std::uint8_t>& bytes;
+    std::int64_t filled = 0;
+    std::uint8_t* space(std::int64_t want)
+    {
+        auto needed = filled + std::min(want, kGrowStep);
+        if (static_cast<std::int64_t>(bytes.size()) < needed)
+            bytes.resize(static_cast<std::size_t>(needed));
+        return bytes.data() + filled;
+    }
+    std::int64_t room() const { return static_cast<std::int64_t>(bytes.size()) - filled; }
+    void commit(std::int64_t n) { filled += n; }
+};
+
+std::int64_t roomOf(FixedSink&, std::int64_t want) { return want; }
+std::int64_t roomOf(GrowingSink& s, std::int64_t want) { return std::min(want, s.room()); }
+
+} // namespace
+
+StreamIO::StreamIO(InputStream& input, OutputStream& output, StreamLogger& log)
+    : m_input(input), m_output(output), m_log(log)
+{
+}
+
+void StreamIO::logStatus(StreamStatus status, const SocketStream& stream)
+{
+    if (!m_log.verbose())
+        return;
+    switch (status) {
+    case StreamStatus::NotOpen:
+    case StreamStatus::Closed:
+        m_log.logMessage(fmt::format("Stream closed. Status = {}", static_cast<int>(status)));
+        break;
+    case StreamStatus::AtEnd:
+        m_log.logMessage("Stream at end.");
+        break;
+    case StreamStatus::Error:
+        m_log.logMessage(fmt::format("Stream error: {}", stream.streamError()));
+        break;
+    default:
+        break;
+    }
+}
+
+std::optional<std::int64_t> StreamIO::readPass(std::uint8_t* dest, std::int64_t want)
+{
+    std::lock_guard lock(readLock());
+    auto status = m_input.status();
+    if (status == StreamStatus::Error) {
+        logStatus(status, m_input);
+        return -1;
+    }
+    if (!m_input.isUsable()) {
+        logStatus(status, m_input);
+        return 0;
+    }
+    if (!m_input.hasBytesAvailable())
+        return std::nullopt;
+    auto n = m_input.read(dest, static_cast<std::size_t>(want));
+    if (n == kWouldBlock)
+        return std::nullopt;
+    if (n == 0)
+        logStatus(m_input.status(), m_input);
+    if (n < 0)
+        logStatus(StreamStatus::Error, m_input);
+    return n;
+}
+
+template <typename Sink>
+void StreamIO::readLoop(std::int64_t length, const std::string& context, Sink& sink)
+{
+    if (length < 0)
+        throw SyncException("Negative Length Packet?", "");
+    std::int64_t remaining = length;
+    while (remaining > 0) {
+        std::uint8_t* dest = sink.space(remaining);
+        auto yield = readPass(dest, roomOf(sink, remaining));
+        if (!yield) {
+            // Wait for data without holding the read lock.
+            m_input.waitReadable(kWaitSliceMs);
+            continue;
+        }
+        // A pass that errors would yield -1 forever on a dead socket; it ends
+        // the read the way a pass yielding 0 does.
+        if (*yield <= 0) {
+            if (context == "get command")
+                throw SyncException("Close", "");
+            throw SyncException("Read Failed", fmt::format("{} returned while trying to {}", 0, context));
+        }
+        sink.commit(*yield);
+        remaining -= *yield;
+        if (remaining > 4000000000LL)
+            throw SyncException("4GB File??", "");
+    }
+}
+
+void StreamIO::read(std::uint8_t* dest, std::int64_t length, const std::string& context)
+{
+    FixedSink sink{dest};
+    readLoop(length, context, sink);
+}
+
+std::int64_t StreamIO::readLong(const std::string& context)
+{
+    std::uint8_t bytes[8] = {};
+    read(bytes, 8, context);
+    return BitConverter::toInt64(bytes);
+}
+
+bool StreamIO::readBool(const std::string& context)
+{
+    std::uint8_t byte = 0;
+    read(&byte, 1, context);
+    return BitConverter::toBool(&byte);
+}
+
+std::optional<std::string> StreamIO::readString(const std::string& context)
+{
+    std::int64_t length = readLong("get length of string");
+    std::vector<std::uint8_t> bytes;
+    GrowingSink sink{bytes};
+    readLoop(length, context, sink);
+    return BitHelper::stringFromBinary(bytes.data(), static_cast<std::size_t>(length));
+}
+
+std::optional<std::int64_t> StreamIO::writePass(const std::uint8_t* source, std::int64_t want)
+{
+    std::lock_guard lock(writeLock());
+    auto status = m_output.status();
+    if (status == StreamStatus::Error) {
+        logStatus(status, m_output);
+        return -1;
+    }
+    if (!m_output.isUsable()) {
+        logStatus(status, m_output);
+        return 0;
+    }
+    if (!m_output.hasSpaceAvailable())
+        return std::nullopt;
+    auto n = m_output.write(source, static_cast<std::size_t>(want));
+    if (n == kWouldBlock)
+        return std::nullopt;
+    if (n < 0)
+        logStatus(StreamStatus::Error, m_output);
+    return static_cast<std::int32_t>(n);
+}
+
+void StreamIO::writeBytes(const std::uint8_t* source, std::int64_t length, const std::string& context)
+{
+    if (length < 0)
+        throw SyncException("Negative Length Packet To Write?", "");
+    std::int64_t written = 0;
+    std::int32_t pass = 1;
+    while (written < length) {
+        if (pass % 10000000 == 0)
+            m_log.logInfo("Are we sending a huge file, or stuck in a loop?");
+        auto yield = writePass(source, length - written);
+        if (!yield) {
+            m_output.waitWritable(kWaitSliceMs);
+            continue;
+        }
+        if (*yield == 0)
+            throw SyncException("End of stream while writing data", fmt::format("End of stream {}", context));
+        if (*yield < 0)
+            throw SyncException("Error occurred while writing data", fmt::format("Stream error {}", context));
+        source += *yield;
+        written += *yield;
+        ++pass;
+    }
+}
+
+void StreamIO::writeData(const Bytes& data, const std::string& context)
+{
+    // The length travels as a signed 32-bit value, so 2 GiB and more is refused.
+    auto length = static_cast<std::int32_t>(static_cast<std::uint32_t>(data.size()));
+    writeBytes(data.data(), length, context);
+}
+
+Bytes StreamIO::dataPacket(std::uint8_t code, const Bytes& data)
+{
+    Bytes packet{code, 0x00};
+    packet += BitHelper::encodeLongLong(0);
+    packet += BitHelper::encodeLongLong(static_cast<std::int64_t>(data.size()));
+    packet += data;
+    return packet;
+}
+
+Bytes StreamIO::errorPacket(std::uint8_t code, const std::string& reason)
+{
+    Bytes packet{code, 0x01};
+    packet += BitHelper::encodeString(std::string_view(reason));
+    packet += BitHelper::encodeLongLong(0);
+    return packet;
+}
+
+Bytes StreamIO::emptyHeader(std::uint8_t code)
+{
+    Bytes packet{code, 0x00};
+    packet += BitHelper::encodeLongLong(0);
+    // Always 1, whatever follows: phones expect exactly this.
+    packet += BitHelper::encodeLongLong(1);
+    return packet;
+}
+
+std::string StreamIO::reasonOf(const std::exception& failure)
+{
+    if (auto* sync = dynamic_cast<const SyncException*>(&failure))
+        return sync->reason();
+    return failure.what();
+}
+
+std::string StreamIO::nameOf(const std::exception& failure)
+{
+    if (auto* sync = dynamic_cast<const SyncException*>(&failure))
+        return sync->name();
+    return "PlatformError";
+}
+
+void StreamIO::writeDataPacket(std::uint8_t code, const Bytes& data, const std::string& context)
+{
+    auto packet = dataPacket(code, data);
+    writeBytes(packet.data(), static_cast<std::int64_t>(packet.size()), context);
+}
+
+void StreamIO::writeErrorPacket(std::uint8_t code, const std::exception& failure, const std::string& context)
+{
+    auto reason = reasonOf(failure);
+    m_log.logError(fmt::format("Exception thrown {}: {}", context, reason));
+    auto packet = errorPacket(code, reason);
+    writeBytes(packet.data(), static_cast<std::int64_t>(packet.size()), context);
+}
+
+void StreamIO::writeEmptyHeader(std::uint8_t code, const std::string& context)
+{
+    auto packet = emptyHeader(code);
+    writeBytes(packet.data(), static_cast<std::int64_t>(packet.size()), context);
+}
+
+void StreamIO::writeToSocket(bool value, const std::string& context)
+{
+    writeLength(1, context);
+    auto b = BitHelper::encodeBool(value);
+    writeBytes(b.data(), 1, context);
+}
+
+void StreamIO::writeToSocket(std::uint8_t code, const Bytes& data, const std::string& context)
+{
+    writeBytes(&code, 1, context);
+    writeLength(static_cast<std::int64_t>(data.size()), context);
+    writeBytes(data.data(), static_cast<std::int64_t>(data.size()), context);
+}
+
+void StreamIO::writeToSocket(std::uint8_t code, const std::optional<std::string>& text, const std::string& context)
+{
+    writeBytes(&code, 1, context);
+    auto s = BitHelper::encodeString(text);
+    writeBytes(s.data(), static_cast<std::int64_t>(s.size()), context);
+}
+
+void StreamIO::writeLength(std::int64_t value, const std::string& context)
+{
+    auto b = BitHelper::encodeLongLong(value);
+    writeBytes(b.data(), 8, context);
+}

@@ -1,0 +1,155 @@
+// Discovery between two hosts: the server on the desktop namespace, the
+// phone's side in a second namespace across a veth pair. Both ends use UDP
+// port 31415, which is why one host is not enough.
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/TestSupport.h"
+#include "app/UIBridge.h"
+#include "discovery/Broadcaster.h"
+#include "netns/Namespaces.h"
+#include "settings/Settings.h"
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+namespace {
+
+const std::string kQuery("ZandrelSync\0", 12);
+
+class DiscoveryBetweenHosts : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::string why = m_hosts.make();
+        if (!why.empty())
+            GTEST_SKIP() << "two-host discovery tests need network namespaces: " << why;
+        m_settings = std::make_shared<Settings>(Settings::NoLoginItems{});
+        m_settings->setTrace(true);
+        m_bridge = std::make_shared<UIBridge>(m_settings);
+        m_phonePort = m_hosts.phoneSocket();
+        ASSERT_TRUE(m_phonePort.valid());
+        ASSERT_TRUE(bindReceiver(m_phonePort.get(), "0.0.0.0", Broadcaster::kPort));
+    }
+
+    void TearDown() override { m_broadcaster.reset(); }
+
+    void start()
+    {
+        m_broadcaster = std::make_unique<Broadcaster>(m_settings, m_bridge);
+        m_broadcaster->startBroadcasting();
+    }
+
+    // Sends the datagram to the query group until something comes back on
+    // the phone's port 31415 (the answering thread may not be listening yet).
+    std::optional<Datagram> queryUntilAnswered(const std::string& payload, const char* from = "0.0.0.0")
+    {
+        Fd sender = m_hosts.phoneSocket();
+        if (!bindReceiver(sender.get(), from, 0))
+            return std::nullopt;
+        for (int attempt = 0; attempt < 50; ++attempt) {
+            sendDatagram(sender.get(), payload, Broadcaster::kQueryGroup, Broadcaster::kPort);
+            if (auto answer = receive(m_phonePort.get(), 100ms))
+                return answer;
+        }
+        return std::nullopt;
+    }
+
+    // Sends the datagram until the line is logged.
+    bool queryUntilLogged(const std::string& payload, const std::string& line)
+    {
+        Fd sender = m_hosts.phoneSocket();
+        for (int attempt = 0; attempt < 50; ++attempt) {
+            sendDatagram(sender.get(), payload, Broadcaster::kQueryGroup, Broadcaster::kPort);
+            if (m_log.waitFor(line, 100))
+                return true;
+        }
+        return false;
+    }
+
+    TwoHosts m_hosts;
+    TempHome m_home;
+    CapturedLog m_log;
+    std::shared_ptr<Settings> m_settings;
+    std::shared_ptr<UIBridge> m_bridge;
+    std::unique_ptr<Broadcaster> m_broadcaster;
+    Fd m_phonePort;
+};
+
+TEST_F(DiscoveryBetweenHosts, QueryIsAnsweredByUnicastToThePhonesPort)
+{
+    start();
+    auto answer = queryUntilAnswered(kQuery);
+    ASSERT_TRUE(answer) << "no answer to the query";
+    EXPECT_EQ(answer->payload, m_settings->getIdentifier());
+    EXPECT_EQ(answer->from, TwoHosts::kDesktop);
+    EXPECT_EQ(answer->to, TwoHosts::kPhone);
+    // 10.77.0.2 read as little-endian bytes: 0x02004D0A.
+    EXPECT_TRUE(m_log.waitFor("Received ZandrelSync from 33574154"));
+    EXPECT_TRUE(m_log.waitFor("Tier 2 connect"));
+}
+
+TEST_F(DiscoveryBetweenHosts, SenderNumberIsSignedAndTheAnswerGoesToThatSender)
+{
+    start();
+    auto answer = queryUntilAnswered(kQuery + "ignored after the zero", TwoHosts::kPhoneHigh);
+    ASSERT_TRUE(answer) << "no answer to the query";
+    EXPECT_EQ(answer->payload, m_settings->getIdentifier());
+    EXPECT_EQ(answer->to, TwoHosts::kPhoneHigh);
+    // 10.77.0.130 gives 0x82004D0A, negative as a signed 32-bit number.
+    EXPECT_TRUE(m_log.waitFor("Received ZandrelSync from -2113909494"));
+}
+
+TEST_F(DiscoveryBetweenHosts, OtherDatagramsAreFalseAlarmsInTheSystemLogOnly)
+{
+    // With trace off the bridge writes nothing, so any line seen here was
+    // written to the system log directly.
+    m_settings->setTrace(false);
+    m_log.sink().clear();
+    start();
+    ASSERT_TRUE(queryUntilLogged("ZandrelSyncX", "False alarm tier 2 connect of ZandrelSyncX"));
+    // Only the first 12 bytes count.
+    ASSERT_TRUE(queryUntilLogged("Hello, phone here", "False alarm tier 2 connect of Hello, phone"));
+    EXPECT_FALSE(receive(m_phonePort.get(), 200ms)) << "a false alarm was answered";
+    for (const auto& line : m_log.lines())
+        EXPECT_EQ(line.rfind("False alarm tier 2 connect of ", 0), 0u) << line;
+}
+
+TEST_F(DiscoveryBetweenHosts, AnnouncementReachesThePhonesGroupAtOnce)
+{
+    ASSERT_TRUE(joinGroup(m_phonePort.get(), Broadcaster::kAnnounceGroup));
+    start();
+    auto announcement = receive(m_phonePort.get(), 3s);
+    ASSERT_TRUE(announcement) << "no announcement";
+    EXPECT_EQ(announcement->payload, m_settings->getIdentifier());
+    EXPECT_EQ(announcement->from, TwoHosts::kDesktop);
+    EXPECT_EQ(announcement->to, Broadcaster::kAnnounceGroup);
+    EXPECT_EQ(announcement->ttl, 32);
+}
+
+TEST_F(DiscoveryBetweenHosts, AfterAQuietWaitQueriesAreNoLongerRead)
+{
+    start();
+    ASSERT_TRUE(queryUntilAnswered(kQuery)) << "no answer to the first query";
+    // Let one wait of the answering thread end without a datagram: answers to
+    // queries sent while retrying may still trickle in, so the 5-second quiet
+    // spell is counted from the last of them.
+    while (receive(m_phonePort.get(), 6s)) {
+    }
+    m_log.sink().clear();
+    Fd sender = m_hosts.phoneSocket();
+    int answers = 0;
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        sendDatagram(sender.get(), kQuery, Broadcaster::kQueryGroup, Broadcaster::kPort);
+        if (receive(m_phonePort.get(), 100ms))
+            ++answers;
+    }
+    EXPECT_EQ(answers, 0) << "queries were still read after the quiet wait";
+    EXPECT_FALSE(m_log.contains("Tier 2 connect"));
+}
+
+} // namespace

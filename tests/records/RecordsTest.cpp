@@ -1,0 +1,322 @@
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "records/DirSyncInfo.h"
+#include "records/FileKind.h"
+#include "records/FileSyncInfo.h"
+#include "records/RecordEncoding.h"
+#include "support/TestSupport.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The record layout written out by hand, independent of the encoders.
+class Layout {
+public:
+    Layout& i64(std::int64_t v)
+    {
+        for (int i = 0; i < 8; ++i)
+            m_bytes.push_back(static_cast<std::uint8_t>(static_cast<std::uint64_t>(v) >> (8 * i)));
+        return *this;
+    }
+    Layout& text(const std::string& s)
+    {
+        i64(static_cast<std::int64_t>(s.size()));
+        m_bytes.insert(m_bytes.end(), s.begin(), s.end());
+        return *this;
+    }
+    Layout& byte(std::uint8_t b)
+    {
+        m_bytes.push_back(b);
+        return *this;
+    }
+    Layout& flags(bool hidden, bool readonly)
+    {
+        return byte(0).byte(0).byte(0).byte(hidden ? 1 : 0).byte(readonly ? 1 : 0).byte(0);
+    }
+    // The body with its 8-byte length in front.
+    Bytes framed() const
+    {
+        Bytes out = Layout().i64(static_cast<std::int64_t>(m_bytes.size())).m_bytes;
+        out.insert(out.end(), m_bytes.begin(), m_bytes.end());
+        return out;
+    }
+
+private:
+    Bytes m_bytes;
+};
+
+void setModified(const fs::path& path, std::time_t seconds, long nanoseconds)
+{
+    timespec times[2] = {{0, UTIME_OMIT}, {seconds, nanoseconds}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+// A birth time is either unknown (0) or the moment the test made the item.
+void expectCreatedDuringTest(std::int64_t created, std::time_t start)
+{
+    if (created != 0) {
+        EXPECT_GE(created, start - 1);
+        EXPECT_LE(created, std::time(nullptr) + 1);
+    }
+}
+
+const std::string kPrecomposed = "/music/caf\u00e9.mp3";
+const std::string kDecomposed = "/music/cafe\u0301.mp3";
+
+} // namespace
+
+// --- records built from the disk -------------------------------------------
+
+TEST(RecordFromDisk, FileRecordCarriesEveryFieldInOrder)
+{
+    TempHome home;
+    std::time_t start = std::time(nullptr);
+    fs::path file = home.write("music/Song.mp3", "hello!");
+    setModified(file, 1700000000, 900000000);
+
+    FileSyncInfo info = FileSyncInfo::initFromPath("~/music/Song.mp3");
+
+    const std::string folder = (home.path() / "music").string();
+    EXPECT_EQ(info.fullName, file.string());
+    EXPECT_EQ(info.parent, folder);
+    EXPECT_EQ(info.name, "Song.mp3");
+    EXPECT_EQ(info.extension, "mp3");
+    EXPECT_EQ(info.kind, FileKindAudio);
+    EXPECT_EQ(info.size, 6u);
+    expectCreatedDuringTest(info.created, start);
+    EXPECT_EQ(info.modified, 1700000000) << "fractions are dropped";
+    EXPECT_FALSE(info.hidden);
+    EXPECT_FALSE(info.readonly);
+    EXPECT_EQ(info.hash, std::optional<std::string>(""));
+
+    Bytes expected = Layout()
+                         .text(file.string())
+                         .text(folder)
+                         .text("Song.mp3")
+                         .text("mp3")
+                         .byte(1)
+                         .i64(6)
+                         .i64(info.created)
+                         .i64(1700000000)
+                         .flags(false, false)
+                         .text("")
+                         .framed();
+    EXPECT_EQ(BitHelper::encodeFileSyncInfo(info), expected);
+}
+
+TEST(RecordFromDisk, FolderRecordCarriesEveryFieldInOrder)
+{
+    TempHome home;
+    std::time_t start = std::time(nullptr);
+    home.write(".Stuff/one", "1");
+    home.write(".Stuff/two.txt", "22");
+    home.write(".Stuff/three.zandrel", "partial");
+    fs::path folder = home.path() / ".Stuff";
+    setModified(folder, -2, 500000000); // -1.5 s
+
+    DirSyncInfo info = DirSyncInfo::initFromPath("~/.Stuff");
+
+    EXPECT_EQ(info.fullName, folder.string());
+    EXPECT_EQ(info.parent, home.path().string());
+    EXPECT_EQ(info.name, ".Stuff");
+    expectCreatedDuringTest(info.created, start);
+    EXPECT_EQ(info.modified, -1) << "negative dates truncate toward zero";
+    EXPECT_TRUE(info.hidden);
+    EXPECT_FALSE(info.readonly);
+    EXPECT_EQ(info.fileCount, 2);
+
+    Bytes expected = Layout()
+                         .text(folder.string())
+                         .text(home.path().string())
+                         .text(".Stuff")
+                         .i64(info.created)
+                         .i64(-1)
+                         .flags(true, false)
+                         .i64(2)
+                         .framed();
+    EXPECT_EQ(BitHelper::encodeDirSyncInfo(info), expected);
+}
+
+TEST(RecordFromDisk, FileCountSkipsOwnAndMetadataFilesAndCountsOnlyPlainFiles)
+{
+    TempHome home;
+    home.write("box/a.txt", "a");
+    home.write("box/.DS_Store", "x");
+    home.write("box/b.zandrel", "x");
+    home.write("box/.hidden", "h");
+    home.write("box/sub/inner.txt", "not counted: not direct");
+    fs::create_symlink(home.path() / "box/a.txt", home.path() / "box/link");
+    ASSERT_EQ(::mkfifo((home.path() / "box/pipe").c_str(), 0600), 0);
+
+    EXPECT_EQ(DirSyncInfo::initFromPath("~/box").fileCount, 2);
+}
+
+TEST(RecordFromDisk, MissingPathsStillGiveRecords)
+{
+    TempHome home;
+    FileSyncInfo file = FileSyncInfo::initFromPath("~/nowhere/x.txt");
+    EXPECT_EQ(file.fullName, (home.path() / "nowhere/x.txt").string());
+    EXPECT_EQ(file.name, "x.txt");
+    EXPECT_EQ(file.kind, FileKindDocument);
+    EXPECT_EQ(file.size, 0u);
+    EXPECT_EQ(file.created, 0);
+    EXPECT_EQ(file.modified, 0);
+    EXPECT_TRUE(file.readonly);
+    EXPECT_EQ(file.hash, std::optional<std::string>(""));
+
+    DirSyncInfo dir = DirSyncInfo::initFromPath("~/nowhere");
+    EXPECT_EQ(dir.name, "nowhere");
+    EXPECT_EQ(dir.created, 0);
+    EXPECT_EQ(dir.modified, 0);
+    EXPECT_TRUE(dir.readonly);
+    EXPECT_EQ(dir.fileCount, 0);
+}
+
+TEST(RecordFromDisk, FinalSymbolicLinkIsExaminedItself)
+{
+    TempHome home;
+    home.write("big.bin", std::string(4096, 'x'));
+    fs::create_symlink("big.bin", home.path() / "alias.bin");
+
+    FileSyncInfo info = FileSyncInfo::initFromPath("~/alias.bin");
+    EXPECT_EQ(info.size, 7u) << "the link's own size: the length of \"big.bin\"";
+}
+
+TEST(RecordFromDisk, UnwritableFileIsReadonly)
+{
+    if (::geteuid() == 0)
+        GTEST_SKIP() << "running as root: every file is writable";
+    TempHome home;
+    fs::path file = home.write("locked.txt", "x");
+    fs::permissions(file, fs::perms::owner_read);
+    EXPECT_TRUE(FileSyncInfo::initFromPath(file.string()).readonly);
+}
+
+// --- path parts and kinds ---------------------------------------------------
+
+TEST(RecordPathParts, TildePathSplitsIntoParentNameAndExtension)
+{
+    TempHome home;
+    FileSyncInfo info = FileSyncInfo::initFromPath("~/a/b.MP3");
+    EXPECT_EQ(info.fullName, (home.path() / "a/b.MP3").string());
+    EXPECT_EQ(info.parent, (home.path() / "a").string());
+    EXPECT_EQ(info.name, "b.MP3");
+    EXPECT_EQ(info.extension, "MP3") << "case is kept";
+    EXPECT_EQ(info.kind, FileKindAudio);
+    EXPECT_TRUE(FileSyncInfo::initFromPath("/x/.profile").hidden);
+}
+
+TEST(RecordPathParts, KindComesFromTheLastExtensionOnly)
+{
+    struct Case {
+        const char* path;
+        std::int32_t kind;
+    };
+    const std::vector<Case> cases = {
+        {"/x/a.tar.gz", 0},   {"/x/b.MP3", 1},      {"/x/c.cpp", 2},        {"/x/d.TXT", 3},
+        {"/x/e.psd", 4},      {"/x/f.mp4", 5},      {"/x/g.jpeg", 6},       {"/x/h.avi", 7},
+        {"/x/i.xhtml", 8},    {"/x/noext", 5},      {"/x/trailing.", 5},    {"/x/v.tar/readme", 5},
+        {"/x/p.svg", 5},      {"/x/q.jpe", 5},      {"/x/k.p\u212Ag", 0}, // Kelvin sign lower-cases to k
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(FileSyncInfo::initFromPath(c.path).kind, c.kind) << c.path;
+}
+
+// --- fixed-size wire forms --------------------------------------------------
+
+TEST(RecordEncoding, FinishRecordsHaveTheirFixedSizes)
+{
+    Bytes file = BitHelper::encodeFileSyncInfo(FileSyncInfo::finish());
+    EXPECT_EQ(file, Layout().text("").text("").text("").text("").byte(5).i64(0).i64(0).i64(0).flags(false, false).text("").framed());
+    EXPECT_EQ(file.size(), 79u);
+    EXPECT_EQ(file[0], 71);
+    EXPECT_FALSE(FileSyncInfo::finish().hash.has_value());
+
+    Bytes dir = BitHelper::encodeDirSyncInfo(DirSyncInfo::finish());
+    EXPECT_EQ(dir.size(), 62u);
+    EXPECT_EQ(dir, Layout().text("").text("").text("").i64(0).i64(0).flags(false, false).i64(0).framed());
+}
+
+TEST(RecordEncoding, KindIsOneByteWhileFileCountIsEight)
+{
+    FileSyncInfo file = FileSyncInfo::finish();
+    file.kind = FileKindWeb;
+    Bytes fileBytes = BitHelper::encodeFileSyncInfo(file);
+    ASSERT_EQ(fileBytes.size(), 79u);
+    EXPECT_EQ(fileBytes[8 + 4 * 8], 0x08) << "after the length and four empty strings";
+
+    DirSyncInfo dir = DirSyncInfo::finish();
+    dir.fileCount = 3;
+    Bytes dirBytes = BitHelper::encodeDirSyncInfo(dir);
+    EXPECT_EQ(Bytes(dirBytes.end() - 8, dirBytes.end()), Bytes({3, 0, 0, 0, 0, 0, 0, 0}));
+
+    dir.fileCount = -1;
+    dirBytes = BitHelper::encodeDirSyncInfo(dir);
+    EXPECT_EQ(Bytes(dirBytes.end() - 8, dirBytes.end()), Bytes(8, 0xFF)) << "sign-extended";
+}
+
+TEST(RecordEncoding, ListsAreACountThenEachFramedRecord)
+{
+    EXPECT_EQ(BitHelper::encodeFileSyncInfoArray({}), Bytes(8, 0));
+    EXPECT_EQ(BitHelper::encodeDirSyncInfoArray({}), Bytes(8, 0));
+
+    FileSyncInfo a = FileSyncInfo::initFromPath("/x/a.txt");
+    FileSyncInfo b = FileSyncInfo::initFromPath("/x/b.png");
+    Bytes expected{2, 0, 0, 0, 0, 0, 0, 0};
+    expected += BitHelper::encodeFileSyncInfo(a);
+    expected += BitHelper::encodeFileSyncInfo(b);
+    EXPECT_EQ(BitHelper::encodeFileSyncInfoArray({a, b}), expected);
+
+    DirSyncInfo d = DirSyncInfo::initFromPath("/x");
+    Bytes dirs = BitHelper::encodeDirSyncInfoArray({d});
+    EXPECT_EQ(dirs.size(), 8 + BitHelper::encodeDirSyncInfo(d).size());
+    EXPECT_EQ(dirs[0], 1);
+}
+
+// --- copies and equality ----------------------------------------------------
+
+TEST(RecordIdentity, FileCopyDropsOnlyTheHash)
+{
+    FileSyncInfo info = FileSyncInfo::initFromPath("/x/.a.gz");
+    info.size = 42;
+    info.created = 7;
+    info.modified = -3;
+    info.hash = "0123456789abcdef0123456789abcdef";
+
+    FileSyncInfo copy = info.copy();
+    EXPECT_FALSE(copy.hash.has_value());
+    info.hash = "";
+    EXPECT_EQ(BitHelper::encodeFileSyncInfo(copy), BitHelper::encodeFileSyncInfo(info))
+        << "an absent hash encodes like an empty one, the rest is carried";
+
+    DirSyncInfo dir = DirSyncInfo::finish();
+    dir.fullName = "/x";
+    dir.fileCount = 9;
+    EXPECT_EQ(BitHelper::encodeDirSyncInfo(dir.copy()), BitHelper::encodeDirSyncInfo(dir));
+}
+
+TEST(RecordIdentity, EqualityIsCanonicalAndCaseSensitive)
+{
+    FileSyncInfo pre = FileSyncInfo::initFromPath(kPrecomposed);
+    FileSyncInfo dec = FileSyncInfo::initFromPath(kDecomposed);
+    ASSERT_NE(pre.fullName, dec.fullName);
+    EXPECT_TRUE(pre.isEqual(dec));
+    EXPECT_TRUE(dec.isEqual(pre));
+    EXPECT_FALSE(pre.isEqual(FileSyncInfo::initFromPath("/music/CAF\u00c9.mp3")));
+    EXPECT_FALSE(pre.isEqual(FileSyncInfo::initFromPath("/music/cafe.mp3")));
+
+    DirSyncInfo dirPre = DirSyncInfo::initFromPath(kPrecomposed);
+    EXPECT_TRUE(dirPre.isEqual(DirSyncInfo::initFromPath(kDecomposed)));
+    EXPECT_FALSE(dirPre.isEqual(DirSyncInfo::initFromPath("/music")));
+}

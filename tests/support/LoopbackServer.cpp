@@ -1,0 +1,47 @@
+#include "LoopbackServer.h"
+
+#include <chrono>
+
+LoopbackServer::LoopbackServer(bool startNow)
+{
+    m_settings = std::make_shared<Settings>(Settings::NoLoginItems{});
+    m_settings->setTrace(true);
+    m_settings->setPort(0); // out of range: the system chooses a free port
+    m_app = std::make_unique<App>(m_settings);
+    m_app->setDiscoveryEnabled(false);
+    if (startNow)
+        start();
+}
+
+LoopbackServer::~LoopbackServer()
+{
+    stop();
+}
+
+void LoopbackServer::start()
+{
+    m_app->start();
+    auto port = m_app->waitUntilRunning(std::chrono::seconds(10));
+    if (!port || *port == 0)
+        throw std::runtime_error("the test server did not start");
+    m_port = *port;
+}
+
+void LoopbackServer::stop()
+{
+    m_app->stop();
+}
+
+std::unique_ptr<SyncClient> LoopbackServer::connect()
+{
+    auto client = std::make_unique<SyncClient>();
+    client->connect("127.0.0.1", m_port);
+    client->setPasswordHash(hash());
+    client->setTimeout(std::chrono::seconds(20));
+    return client;
+}
+
+std::string LoopbackServer::hash() const
+{
+    return m_settings->getHashedPassword();
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "TestSupport.h"
+#include "app/App.h"
+#include "client/SyncClient.h"
+#include "settings/Settings.h"
+
+// A real server on 127.0.0.1 with a system-chosen port, in a temporary
+// $HOME, logging (trace on) into a capturing sink; discovery is off.
+class LoopbackServer {
+public:
+    explicit LoopbackServer(bool start = true);
+    ~LoopbackServer();
+
+    void start();
+    void stop();
+    std::uint16_t port() const { return m_port; }
+    Settings& settings() { return *m_settings; }
+    std::shared_ptr<Settings> sharedSettings() { return m_settings; }
+    App& app() { return *m_app; }
+    TempHome& home() { return m_home; }
+    CapturedLog& log() { return m_log; }
+
+    // A connected client that sends the right password hash.
+    std::unique_ptr<SyncClient> connect();
+    // The password hash the server expects.
+    std::string hash() const;
+
+private:
+    TempHome m_home;
+    CapturedLog m_log;
+    std::shared_ptr<Settings> m_settings;
+    std::unique_ptr<App> m_app;
+    std::uint16_t m_port = 0;
+};

@@ -1,0 +1,55 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "wire/Digest.h"
+#include "wire/Paths.h"
+
+TEST(Paths, ComponentsFollowTheUsualRules)
+{
+    EXPECT_EQ(Paths::deletingLastPathComponent("/a/b/"), "/a");
+    EXPECT_EQ(Paths::deletingLastPathComponent("/a"), "/");
+    EXPECT_EQ(Paths::deletingLastPathComponent("/"), "/");
+    EXPECT_EQ(Paths::deletingLastPathComponent("a"), "");
+    EXPECT_EQ(Paths::deletingLastPathComponent(""), "");
+    EXPECT_EQ(Paths::lastPathComponent("/"), "/");
+    EXPECT_EQ(Paths::lastPathComponent("/a/b.txt"), "b.txt");
+    EXPECT_EQ(Paths::lastPathComponent("/a/b/"), "b");
+    EXPECT_EQ(Paths::pathExtension("/x/a.tar.gz"), "gz");
+    EXPECT_EQ(Paths::pathExtension("/x.d/noext"), "");
+    EXPECT_EQ(Paths::pathExtension("/x/b.MP3"), "MP3");
+}
+
+TEST(Paths, TildeExpandsToHome)
+{
+    const char* old = std::getenv("HOME");
+    std::string saved = old ? old : "";
+    ::setenv("HOME", "/home/tester", 1);
+    EXPECT_EQ(Paths::expandTilde("~"), "/home/tester");
+    EXPECT_EQ(Paths::expandTilde("~/Music/a.mp3"), "/home/tester/Music/a.mp3");
+    EXPECT_EQ(Paths::expandTilde("/abs/~x"), "/abs/~x");
+    EXPECT_EQ(Paths::expandTilde("~no-such-user-here/x"), "~no-such-user-here/x");
+    ::setenv("HOME", saved.c_str(), 1);
+}
+
+TEST(Digest, FileDigestsAreLowerAndStringDigestsUpper)
+{
+    EXPECT_EQ(Digest::md5OfString(""), "D41D8CD98F00B204E9800998ECF8427E");
+    EXPECT_EQ(Digest::md5OfString("abc"), "900150983CD24FB0D6963F7D28E17F72");
+    EXPECT_EQ(Digest::md5OfFile("/no/such/file"), "d41d8cd98f00b204e9800998ecf8427e");
+
+    auto path = std::filesystem::temp_directory_path() / "zandrel-digest-test.bin";
+    {
+        // Larger than one read block, so the blockwise digest is exercised.
+        std::ofstream out(path, std::ios::binary);
+        std::string block(1 << 20, 'x');
+        out << "abc";
+        for (int i = 0; i < 3; ++i)
+            out << block;
+    }
+    std::string whole = "abc" + std::string(3 << 20, 'x');
+    EXPECT_EQ(Digest::md5OfFile(path.string()), Digest::md5Hex(whole.data(), whole.size()));
+    std::filesystem::remove(path);
+}

@@ -1,0 +1,212 @@
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "wire/BitHelper.h"
+#include "wire/StreamIO.h"
+#include "wire/SyncException.h"
+
+namespace {
+
+class RecordingLogger : public StreamLogger {
+public:
+    void logInfo(const std::string& m) override { lines.push_back(m); }
+    void logMessage(const std::string& m) override { lines.push_back(m); }
+    void logError(const std::string& m) override { lines.push_back(m); }
+    bool verbose() const override { return isVerbose; }
+    std::vector<std::string> lines;
+    bool isVerbose = false;
+};
+
+// A stream pair on one end of a socket pair; the test plays the peer.
+class StreamIOTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        int fds[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+        m_peer = fds[1];
+        m_streams = makeStreamPair(fds[0]);
+        m_streams.input->open();
+        m_streams.output->open();
+        m_io = std::make_unique<StreamIO>(*m_streams.input, *m_streams.output, m_log);
+    }
+    void TearDown() override
+    {
+        if (m_peer >= 0)
+            ::close(m_peer);
+    }
+    void peerSends(const Bytes& b) { ASSERT_EQ(::write(m_peer, b.data(), b.size()), static_cast<ssize_t>(b.size())); }
+    void peerCloses()
+    {
+        ::close(m_peer);
+        m_peer = -1;
+    }
+    Bytes peerReads(std::size_t n)
+    {
+        Bytes b(n);
+        std::size_t got = 0;
+        while (got < n) {
+            auto r = ::read(m_peer, b.data() + got, n - got);
+            if (r <= 0)
+                break;
+            got += static_cast<std::size_t>(r);
+        }
+        b.resize(got);
+        return b;
+    }
+    // Runs `f`, expecting a SyncException with the given name and reason.
+    template <typename F>
+    void expectFailure(F f, const std::string& name, const std::string& reason)
+    {
+        try {
+            f();
+            FAIL() << "no exception, expected " << name;
+        } catch (const SyncException& e) {
+            EXPECT_EQ(e.name(), name);
+            EXPECT_EQ(e.reason(), reason);
+        }
+    }
+
+    int m_peer = -1;
+    StreamPair m_streams;
+    RecordingLogger m_log;
+    std::unique_ptr<StreamIO> m_io;
+};
+
+} // namespace
+
+TEST(Packets, ExactBytes)
+{
+    Bytes startSync = StreamIO::dataPacket(17, BitHelper::encodeBool(true));
+    EXPECT_EQ(startSync, (Bytes{0x11, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}));
+
+    Bytes error = StreamIO::errorPacket(20, "bad");
+    EXPECT_EQ(error, (Bytes{0x14, 1, 3, 0, 0, 0, 0, 0, 0, 0, 0x62, 0x61, 0x64, 0, 0, 0, 0, 0, 0, 0, 0}));
+
+    Bytes header = StreamIO::emptyHeader(34);
+    EXPECT_EQ(header, (Bytes{0x22, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(StreamIOTest, ReadsWhatThePeerSendsInPieces)
+{
+    std::thread peer([this] {
+        Bytes s = BitHelper::encodeString(std::string("hello"));
+        for (auto byte : s)
+            peerSends(Bytes{byte});
+    });
+    EXPECT_EQ(m_io->readString("test"), std::optional<std::string>("hello"));
+    peer.join();
+}
+
+TEST_F(StreamIOTest, EndOfStreamWhileWaitingForACommandIsClose)
+{
+    peerCloses();
+    std::uint8_t code;
+    expectFailure([&] { m_io->read(&code, 1, "get command"); }, "Close", "");
+}
+
+TEST_F(StreamIOTest, EndOfStreamElsewhereIsReadFailedWithContext)
+{
+    peerSends(Bytes{1, 2, 3});
+    peerCloses();
+    std::uint8_t eight[8];
+    expectFailure([&] { m_io->read(eight, 8, "get length of command"); }, "Read Failed",
+        "0 returned while trying to get length of command");
+}
+
+TEST_F(StreamIOTest, PasswordCutInsideItsBytesOrItsLength)
+{
+    Bytes partial = BitHelper::encodeLongLong(32);
+    partial += Bytes{'A', 'B'};
+    peerSends(partial);
+    peerCloses();
+    expectFailure([&] { m_io->readString("verifying password"); }, "Read Failed",
+        "0 returned while trying to verifying password");
+}
+
+TEST_F(StreamIOTest, PasswordCutInsideItsLength)
+{
+    peerSends(Bytes{5, 0, 0});
+    peerCloses();
+    expectFailure([&] { m_io->readString("verifying password"); }, "Read Failed",
+        "0 returned while trying to get length of string");
+}
+
+TEST_F(StreamIOTest, NegativeLengthsAreRefused)
+{
+    std::uint8_t b;
+    expectFailure([&] { m_io->read(&b, -1, "x"); }, "Negative Length Packet?", "");
+    expectFailure([&] { m_io->writeBytes(&b, -1, "x"); }, "Negative Length Packet To Write?", "");
+    // A negative string length from the wire reaches the same failure.
+    peerSends(BitHelper::encodeLongLong(-4));
+    expectFailure([&] { m_io->readString("x"); }, "Negative Length Packet?", "");
+}
+
+TEST_F(StreamIOTest, HugeStringLengthFailsWithoutAllocatingIt)
+{
+    Bytes b = BitHelper::encodeLongLong(5'000'000'000LL);
+    b += Bytes{'a'};
+    peerSends(b);
+    expectFailure([&] { m_io->readString("x"); }, "4GB File??", "");
+}
+
+TEST_F(StreamIOTest, ZeroByteWriteDoesNothing)
+{
+    m_io->writeBytes(nullptr, 0, "x");
+    peerSends(Bytes{9});
+    std::uint8_t b;
+    m_io->read(&b, 1, "x");
+    EXPECT_EQ(b, 9);
+}
+
+TEST_F(StreamIOTest, ClosedStreamFailsQuietlyUnlessVerbose)
+{
+    m_streams.input->close();
+    std::uint8_t b;
+    expectFailure([&] { m_io->read(&b, 1, "ctx"); }, "Read Failed", "0 returned while trying to ctx");
+    EXPECT_TRUE(m_log.lines.empty());
+
+    m_log.isVerbose = true;
+    expectFailure([&] { m_io->read(&b, 1, "ctx"); }, "Read Failed", "0 returned while trying to ctx");
+    ASSERT_EQ(m_log.lines.size(), 1u);
+    EXPECT_EQ(m_log.lines[0], "Stream closed. Status = 6");
+}
+
+TEST_F(StreamIOTest, WriteToAClosedStreamIsEndOfStream)
+{
+    m_streams.output->close();
+    expectFailure([&] { m_io->writeEmptyHeader(34, "invalid"); }, "End of stream while writing data",
+        "End of stream invalid");
+}
+
+TEST_F(StreamIOTest, WriteToAVanishedPeerIsAStreamError)
+{
+    peerCloses();
+    Bytes big(1 << 20, 0);
+    expectFailure([&] { m_io->writeData(big, "sending file data"); }, "Error occurred while writing data",
+        "Stream error sending file data");
+}
+
+TEST_F(StreamIOTest, ErrorPacketIsLoggedThenSent)
+{
+    m_io->writeErrorPacket(20, SyncException("PathDoesntExist", "bad"), "path exists");
+    ASSERT_EQ(m_log.lines.size(), 1u);
+    EXPECT_EQ(m_log.lines[0], "Exception thrown path exists: bad");
+    EXPECT_EQ(peerReads(21), StreamIO::errorPacket(20, "bad"));
+}
+
+TEST_F(StreamIOTest, OtherFramedWrites)
+{
+    m_io->writeToSocket(true, "x");
+    EXPECT_EQ(peerReads(9), (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 1}));
+    m_io->writeToSocket(std::uint8_t{7}, Bytes{0xAA}, "x");
+    EXPECT_EQ(peerReads(10), (Bytes{7, 1, 0, 0, 0, 0, 0, 0, 0, 0xAA}));
+    m_io->writeToSocket(std::uint8_t{7}, std::optional<std::string>("z"), "x");
+    EXPECT_EQ(peerReads(10), (Bytes{7, 1, 0, 0, 0, 0, 0, 0, 0, 'z'}));
+}
