@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include "session/SocketServer.h"
+
 LoopbackServer::LoopbackServer(bool startNow)
 {
     m_settings = std::make_shared<Settings>(Settings::NoLoginItems{});
@@ -30,6 +32,9 @@ void LoopbackServer::start()
 void LoopbackServer::stop()
 {
     m_app->stop();
+    // Sessions end on their own threads; let them finish before the home
+    // folder and the log sink go away.
+    SocketServer::waitForAllSessions(std::chrono::seconds(10));
 }
 
 std::unique_ptr<SyncClient> LoopbackServer::connect()

@@ -1,0 +1,92 @@
+#include <gtest/gtest.h>
+
+#include "LoopbackServer.h"
+#include "app/SocketListener.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Starts the real App with `port` configured and reports the port it got.
+std::uint16_t startWithPort(LoopbackServer& server, std::int32_t port)
+{
+    server.settings().setPort(port);
+    server.start();
+    return server.port();
+}
+
+} // namespace
+
+TEST(App, PortsOutsideTheRangeLetTheSystemChoose)
+{
+    for (std::int32_t configured : {1023, 65536, -1}) {
+        LoopbackServer server(false);
+        auto port = startWithPort(server, configured);
+        EXPECT_NE(port, 0);
+        EXPECT_NE(port, configured);
+        EXPECT_TRUE(server.log().contains("Server started on port " + std::to_string(port)));
+        EXPECT_TRUE(server.log().contains("Starting server on port " + std::to_string(port)));
+    }
+}
+
+TEST(App, StartUpLinesInOrder)
+{
+    LoopbackServer server;
+    auto lines = server.log().lines();
+    auto p = std::to_string(server.port());
+    std::vector<std::string> expected{
+        "Starting server on port " + p, "Server started on port " + p, server.settings().getIdentifier()};
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 3), expected);
+}
+
+TEST(App, ListenFailureIsLoggedAndTheRestGoesOn)
+{
+    LoopbackServer first;
+    LoopbackServer second(false);
+    second.settings().setPort(first.port());
+    // The first server's port is in the allowed range only when the system
+    // gave one from 1024 up, which ephemeral ports always are.
+    second.app().start();
+    auto port = second.app().waitUntilRunning(10s);
+    ASSERT_TRUE(port);
+    EXPECT_EQ(*port, 0);
+    EXPECT_TRUE(second.log().contains("Error starting server: Error Domain=TCPServerErrorDomain Code=1"));
+    EXPECT_TRUE(second.log().contains("Server started on port " + std::to_string(first.port())));
+    EXPECT_TRUE(second.app().isRunning());
+}
+
+TEST(App, StopWhenNotRunningLogsNothing)
+{
+    LoopbackServer server(false);
+    server.app().stop();
+    EXPECT_TRUE(server.log().lines().empty());
+}
+
+TEST(App, RestartServesAgainOnTheNewPort)
+{
+    LoopbackServer server;
+    auto first = server.port();
+    server.stop();
+    EXPECT_TRUE(server.log().contains("Stopped Echo server"));
+    EXPECT_FALSE(server.app().isRunning());
+    server.start();
+    auto c = server.connect();
+    c->sendCommand(17);
+    EXPECT_EQ(c->readExact(19).back(), 1);
+    (void)first;
+}
+
+TEST(App, TraceOffWritesNothing)
+{
+    LoopbackServer server(false);
+    server.settings().setTrace(false);
+    server.settings().setVerbose(true);
+    server.start();
+    auto c = server.connect();
+    c->sendCommand(17);
+    c->readExact(19);
+    c->close();
+    server.stop();
+    EXPECT_TRUE(server.log().lines().empty());
+}

@@ -1,0 +1,87 @@
+#include <memory>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "app/SocketListener.h"
+#include "app/TCPServer.h"
+#include "app/UIBridge.h"
+#include "settings/Settings.h"
+
+namespace {
+
+// Holds a port by listening on it, as another program would.
+class PortHolder {
+public:
+    PortHolder()
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_ANY);
+        ::bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+        ::listen(m_fd, 4);
+        socklen_t len = sizeof a;
+        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len);
+        m_port = ntohs(a.sin_port);
+    }
+    ~PortHolder() { ::close(m_fd); }
+    std::uint16_t port() const { return m_port; }
+
+private:
+    int m_fd;
+    std::uint16_t m_port;
+};
+
+} // namespace
+
+TEST(TCPServer, PortZeroGivesARealPortAndStopIsRepeatable)
+{
+    auto loop = std::make_shared<asio::io_context>();
+    auto work = asio::make_work_guard(*loop);
+    std::thread turner([loop] { loop->run(); });
+    TCPServer server;
+    EXPECT_EQ(server.nativeSocket(), TCPServer::kNoSocket);
+    std::optional<TCPServerError> error;
+    ASSERT_TRUE(server.start(&error, loop));
+    EXPECT_FALSE(error);
+    EXPECT_NE(server.port(), 0);
+    EXPECT_GE(server.nativeSocket(), 0);
+    EXPECT_TRUE(server.stop());
+    EXPECT_EQ(server.nativeSocket(), TCPServer::kNoSocket);
+    EXPECT_TRUE(server.stop());
+    EXPECT_EQ(server.nativeSocket(), TCPServer::kNoSocket);
+    turner.join(); // stop() stopped the loop
+}
+
+TEST(TCPServer, PortInUseFailsWithCodeOne)
+{
+    PortHolder other;
+    auto loop = std::make_shared<asio::io_context>();
+    TCPServer server;
+    server.setPort(other.port());
+    std::optional<TCPServerError> error;
+    EXPECT_FALSE(server.start(&error, loop));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->domain, "TCPServerErrorDomain");
+    EXPECT_EQ(error->code, 1);
+    EXPECT_EQ(server.nativeSocket(), TCPServer::kNoSocket);
+}
+
+TEST(SocketListener, ShutdownWithNoConnectionIsHarmless)
+{
+    TempHome home;
+    auto settings = std::make_shared<Settings>(Settings::NoLoginItems{});
+    auto listener = std::make_shared<SocketListener>(settings, std::make_shared<UIBridge>(settings));
+    listener->shutdown();
+    listener->shutdown();
+    EXPECT_TRUE(listener->connections().empty());
+}
