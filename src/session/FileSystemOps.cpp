@@ -1,8 +1,176 @@
-#include "session/SocketServer.h"
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <system_error>
 
-// Placeholder handlers: until they are written each answers as an unknown command does.
-void SocketServer::createDirectories() { invalidCommand(); }
-void SocketServer::deleteFiles() { invalidCommand(); }
-void SocketServer::deleteFolders() { invalidCommand(); }
-void SocketServer::renameFiles() { invalidCommand(); }
-void SocketServer::freeSpace() { invalidCommand(); }
+#include <fmt/format.h>
+
+#include "session/Commands.h"
+#include "session/FileSystem.h"
+#include "session/SocketServer.h"
+#include "wire/BitHelper.h"
+
+namespace {
+
+using OptionalPath = std::optional<std::string>;
+
+// The count goes out as 64 bits, but only its low 32 bits, signed, were ever
+// used: 2^32 is 0, and anything at or below 0 reads no items.
+std::int32_t batchCount(std::int64_t raw)
+{
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(static_cast<std::uint64_t>(raw)));
+}
+
+// What one item of a batch did: it was skipped (which counts as success),
+// or its check afterwards passed or failed.
+enum class Outcome { Skipped, Done, Failed };
+
+// Errors of the platform's create, remove and move are not looked at: only
+// the existence checks after each one decide.
+Outcome createOne(const OptionalPath& path)
+{
+    if (FileSystem::stateOf(path).exists)
+        return Outcome::Skipped;
+    // A NUL byte would cut the path short and make some other folder.
+    if (path && path->find('\0') == std::string::npos) {
+        std::error_code ignored;
+        std::filesystem::create_directories(*path, ignored);
+    }
+    return FileSystem::stateOf(path).exists ? Outcome::Done : Outcome::Failed;
+}
+
+Outcome deleteFileOne(const OptionalPath& path)
+{
+    auto state = FileSystem::stateOf(path);
+    if (!state.exists || state.isFolder)
+        return Outcome::Skipped;
+    std::error_code ignored;
+    std::filesystem::remove(*path, ignored);
+    return FileSystem::stateOf(path).exists ? Outcome::Failed : Outcome::Done;
+}
+
+Outcome deleteFolderOne(const OptionalPath& path)
+{
+    auto state = FileSystem::stateOf(path);
+    if (!state.exists || !state.isFolder)
+        return Outcome::Skipped;
+    // A link to a folder goes as a link: what it points at stays. A trailing
+    // "/" would make the removal look through the link, so it is dropped.
+    std::string item = *path;
+    while (item.size() > 1 && item.back() == '/')
+        item.pop_back();
+    std::error_code ignored;
+    std::filesystem::remove_all(item, ignored);
+    return FileSystem::stateOf(path).exists ? Outcome::Failed : Outcome::Done;
+}
+
+Outcome renameOne(const OptionalPath& from, const OptionalPath& to)
+{
+    auto state = FileSystem::stateOf(from);
+    if (!state.exists || state.isFolder)
+        return Outcome::Skipped;
+    if (to)
+        FileSystem::moveWithoutReplacing(*from, *to);
+    bool moved = !FileSystem::stateOf(from).exists && FileSystem::stateOf(to).exists;
+    return moved ? Outcome::Done : Outcome::Failed;
+}
+
+// Logs an item's outcome; a skipped item logs nothing.
+Outcome report(Outcome outcome, StreamLogger& log, const std::string& doneLine, const std::string& failedLine)
+{
+    if (outcome == Outcome::Done)
+        log.logInfo(doneLine);
+    else if (outcome == Outcome::Failed)
+        log.logInfo(failedLine);
+    return outcome;
+}
+
+// The frame the four batch handlers share: a count, then per item its
+// strings and its work; a failed item turns the answer false and the next
+// one goes on.
+template <typename Item>
+void runBatch(StreamIO& io, StreamLogger& log, std::uint8_t code, const std::string& context,
+    const std::string& countLine, Item&& item)
+{
+    std::int32_t count = batchCount(io.readLong(context));
+    log.logInfo(fmt::format("{}. Count = {}", countLine, count));
+    bool result = true;
+    for (std::int32_t i = 0; i < count; ++i) {
+        if (item() == Outcome::Failed)
+            result = false;
+    }
+    io.writeDataPacket(code, BitHelper::encodeBool(result), context);
+}
+
+} // namespace
+
+using FileSystem::shown;
+
+void SocketServer::createDirectories()
+{
+    const std::string context = "creating directories";
+    guarded(Command::CreateDirectories, context, [&] {
+        runBatch(m_io, *this, Command::CreateDirectories, context, "Creating directories", [&] {
+            auto path = m_io.readString(context);
+            return report(createOne(path), *this, fmt::format("Created directory: {}", shown(path)),
+                fmt::format("Could not create directory: {}", shown(path)));
+        });
+    });
+}
+
+void SocketServer::deleteFiles()
+{
+    const std::string context = "deleting files";
+    guarded(Command::DeleteFiles, context, [&] {
+        runBatch(m_io, *this, Command::DeleteFiles, context, "Deleting files", [&] {
+            auto path = m_io.readString(context);
+            return report(deleteFileOne(path), *this, fmt::format("Deleted file: {}", shown(path)),
+                fmt::format("Could not delete file: {}", shown(path)));
+        });
+    });
+}
+
+void SocketServer::deleteFolders()
+{
+    const std::string context = "deleting directories";
+    guarded(Command::DeleteFolders, context, [&] {
+        runBatch(m_io, *this, Command::DeleteFolders, context, "Deleting folders", [&] {
+            auto path = m_io.readString(context);
+            return report(deleteFolderOne(path), *this, fmt::format("Deleted directory: {}", shown(path)),
+                fmt::format("Could not delete directory: {}", shown(path)));
+        });
+    });
+}
+
+void SocketServer::renameFiles()
+{
+    const std::string context = "renaming files";
+    guarded(Command::RenameFiles, context, [&] {
+        runBatch(m_io, *this, Command::RenameFiles, context, "Renaming files", [&] {
+            auto from = m_io.readString(context);
+            auto to = m_io.readString(context);
+            return report(renameOne(from, to), *this,
+                fmt::format("Renamed file '{}' to '{}'", shown(from), shown(to)),
+                fmt::format("Could not rename file '{}' to '{}'", shown(from), shown(to)));
+        });
+    });
+}
+
+void SocketServer::freeSpace()
+{
+    const std::string context = "free space";
+    guarded(Command::FreeSpace, context, [&] {
+        auto path = m_io.readString(context);
+        logInfo(fmt::format("Free space for path: {}", shown(path)));
+        if (!FileSystem::stateOf(path).isFolder)
+            throw SyncException("PathDoesntExist", fmt::format("Path {} does not exist.", shown(path)));
+        auto free = FileSystem::freeBytes(*path);
+        if (!free)
+            throw SyncException("AttributesError",
+                fmt::format("Could not retrieve file system attributes for path: {}", *path));
+        m_io.writeDataPacket(Command::FreeSpace, BitHelper::encodeLongLong(*free), context);
+        // Gigabytes of 1024^3 bytes, logged only once the phone has its answer.
+        logInfo(fmt::format("Free space: {:.2f} GB", static_cast<double>(*free) / 1024 / 1024 / 1024));
+    });
+}

@@ -1,12 +1,189 @@
-#include "session/SocketServer.h"
+#include <string>
+#include <vector>
 
-// Placeholder handlers: until they are written each answers as an unknown command does.
-void SocketServer::defaultPath() { invalidCommand(); }
-void SocketServer::parentFolder() { invalidCommand(); }
-void SocketServer::pathExists() { invalidCommand(); }
-void SocketServer::folderInfo() { invalidCommand(); }
-void SocketServer::foldersInFolder() { invalidCommand(); }
-void SocketServer::filesInFolder() { invalidCommand(); }
-void SocketServer::allFilesInFolder() { invalidCommand(); }
-void SocketServer::calculateFileHash() { invalidCommand(); }
-void SocketServer::recurseFolder(const std::string&, bool) {}
+#include <fmt/format.h>
+
+#include "records/DirSyncInfo.h"
+#include "records/FileSyncInfo.h"
+#include "records/RecordEncoding.h"
+#include "session/Commands.h"
+#include "session/FileSystem.h"
+#include "session/SocketServer.h"
+#include "settings/Settings.h"
+#include "wire/BitHelper.h"
+#include "wire/Paths.h"
+
+namespace {
+
+const char* yesNo(bool value)
+{
+    return value ? "YES" : "NO";
+}
+
+// Our own partial uploads and the desktop's folder metadata are not the
+// user's files, so the walk leaves them out.
+bool skippedByWalk(const std::string& name)
+{
+    return name.ends_with(".zandrel") || name == ".DS_Store";
+}
+
+// The folder handlers take the path as sent: "~" is not expanded for their
+// test, so "~/x" names nothing and ends the session with this failure.
+SyncException pathDoesntExist(const std::optional<std::string>& path)
+{
+    return SyncException("PathDoesntExist", fmt::format("Path {} does not exist.", FileSystem::shown(path)));
+}
+
+} // namespace
+
+void SocketServer::defaultPath()
+{
+    const std::string context = "default path";
+    guarded(Command::DefaultPath, context, [&] {
+        std::string path = Paths::expandTilde(m_settings->getBasePath());
+        logInfo(fmt::format("Default path: {}", path));
+        m_io.writeDataPacket(Command::DefaultPath, BitHelper::encodeString(path), context);
+    });
+}
+
+void SocketServer::parentFolder()
+{
+    const std::string context = "parent folder";
+    guarded(Command::ParentFolder, context, [&] {
+        auto path = m_io.readString(context);
+        // Text only: the path need not exist, and "~" stays as it is.
+        std::optional<std::string> parent;
+        if (path)
+            parent = Paths::deletingLastPathComponent(*path);
+        logInfo(fmt::format("Parent folder of '{}' is '{}'.", FileSystem::shown(path), FileSystem::shown(parent)));
+        m_io.writeDataPacket(Command::ParentFolder, BitHelper::encodeString(parent), context);
+    });
+}
+
+void SocketServer::pathExists()
+{
+    const std::string context = "path exists";
+    guarded(Command::PathExists, context, [&] {
+        auto path = m_io.readString(context);
+        if (path)
+            path = Paths::expandTilde(*path);
+        bool isFolder = FileSystem::stateOf(path).isFolder;
+        logInfo(fmt::format("Path exists: {}", yesNo(isFolder)));
+        m_io.writeDataPacket(Command::PathExists, BitHelper::encodeBool(isFolder), context);
+    });
+}
+
+void SocketServer::folderInfo()
+{
+    const std::string context = "folder information";
+    guarded(Command::FolderInfo, context, [&] {
+        auto path = m_io.readString(context);
+        bool isFolder = FileSystem::stateOf(path).isFolder;
+        logInfo(fmt::format("Folder info: {}", FileSystem::shown(path)));
+        if (!isFolder)
+            throw pathDoesntExist(path);
+        m_io.writeDataPacket(Command::FolderInfo, BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(*path)),
+            context);
+    });
+}
+
+void SocketServer::foldersInFolder()
+{
+    const std::string context = "folders in folder";
+    guarded(Command::FoldersInFolder, context, [&] {
+        auto path = m_io.readString(context);
+        bool isFolder = FileSystem::stateOf(path).isFolder;
+        logInfo(fmt::format("Folders in folder: {}", FileSystem::shown(path)));
+        if (!isFolder)
+            throw pathDoesntExist(path);
+        const std::string& folder = *path;
+        std::vector<DirSyncInfo> folders;
+        for (const auto& name : FileSystem::listFolder(folder)) {
+            std::string child = FileSystem::childPath(folder, name);
+            if (FileSystem::typeOf(child) != FileSystem::ItemType::Directory)
+                continue;
+            folders.push_back(DirSyncInfo::initFromPath(child));
+            logInfo(child);
+        }
+        m_io.writeDataPacket(Command::FoldersInFolder, BitHelper::encodeDirSyncInfoArray(folders), context);
+    });
+}
+
+void SocketServer::filesInFolder()
+{
+    const std::string context = "files in folder";
+    guarded(Command::FilesInFolder, context, [&] {
+        auto path = m_io.readString(context);
+        bool isFolder = FileSystem::stateOf(path).isFolder;
+        logInfo(fmt::format("Files in folder: {}", FileSystem::shown(path)));
+        if (!isFolder)
+            throw pathDoesntExist(path);
+        const std::string& folder = *path;
+        // Unlike the walk, this listing keeps partial uploads and .DS_Store.
+        std::vector<FileSyncInfo> files;
+        for (const auto& name : FileSystem::listFolder(folder)) {
+            std::string child = FileSystem::childPath(folder, name);
+            if (FileSystem::typeOf(child) != FileSystem::ItemType::RegularFile)
+                continue;
+            files.push_back(FileSyncInfo::initFromPath(child));
+            logInfo(child);
+        }
+        m_io.writeDataPacket(Command::FilesInFolder, BitHelper::encodeFileSyncInfoArray(files), context);
+    });
+}
+
+void SocketServer::allFilesInFolder()
+{
+    const std::string context = "all files in folder";
+    guarded(Command::AllFilesInFolder, context, [&] {
+        auto path = m_io.readString(context);
+        bool withHash = m_io.readBool(context);
+        logInfo(fmt::format("All files in folder: {}, MD5 = {}", FileSystem::shown(path), yesNo(withHash)));
+        if (!FileSystem::stateOf(path).isFolder)
+            throw pathDoesntExist(path);
+        m_io.writeEmptyHeader(Command::AllFilesInFolder, context);
+        recurseFolder(*path, withHash);
+        m_io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()), context);
+    });
+}
+
+void SocketServer::calculateFileHash()
+{
+    // Answers nothing and reads nothing beyond the password: phones send it
+    // and go straight on to their next command.
+}
+
+// Depth first, pre-order: the folder's record, its files, then each subfolder
+// in turn. Every record goes out as soon as it is built, and only the
+// listings of the folders on the current path are held.
+void SocketServer::recurseFolder(const std::string& path, bool withHash)
+{
+    const std::string context = "all files in folder";
+    m_io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(path)), context);
+    const std::vector<std::string> names = FileSystem::listFolder(path);
+
+    for (const auto& name : names) {
+        std::string child = FileSystem::childPath(path, name);
+        try {
+            if (FileSystem::typeOf(child) != FileSystem::ItemType::RegularFile || skippedByWalk(name))
+                continue;
+            FileSyncInfo info = FileSyncInfo::initFromPath(child);
+            if (withHash)
+                info.hash = getMD5FromFile(child);
+            m_io.writeData(BitHelper::encodeFileSyncInfo(info), context);
+            logInfo(fmt::format("Found file: {}.", child));
+        } catch (const std::exception& failure) {
+            // One bad file does not end the walk; a dead connection surfaces
+            // at the next folder record.
+            logInfo(fmt::format("Exception thrown for {}: {} - {}", child, StreamIO::nameOf(failure),
+                StreamIO::reasonOf(failure)));
+        }
+    }
+
+    // Links to folders are not followed, so the walk cannot loop.
+    for (const auto& name : names) {
+        std::string child = FileSystem::childPath(path, name);
+        if (FileSystem::typeOf(child) == FileSystem::ItemType::Directory)
+            recurseFolder(child, withHash);
+    }
+}
