@@ -1,5 +1,322 @@
 #include "session/SocketServer.h"
 
-// Placeholder handlers: until they are written each answers as an unknown command does.
-void SocketServer::downloadFiles() { invalidCommand(); }
-void SocketServer::uploadFiles() { invalidCommand(); }
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "app/UIBridge.h"
+#include "records/FileSyncInfo.h"
+#include "records/RecordEncoding.h"
+#include "session/Commands.h"
+#include "session/PartialFile.h"
+#include "settings/Settings.h"
+#include "wire/BitHelper.h"
+#include "wire/Paths.h"
+#include "wire/SyncException.h"
+
+namespace {
+
+// Bounds every read from a file (download) and from the stream (upload).
+constexpr std::int64_t kChunkSize = 512000;
+
+const std::string kDownloading = "downloading files";
+const std::string kSendingData = "sending file data";
+const std::string kUploading = "uploading files";
+const std::string kReceivingData = "receiving file data";
+
+// Serialises the reception of file data across every session of the process.
+std::mutex& uploadLock()
+{
+    static std::mutex lock;
+    return lock;
+}
+
+// Counts travel as 64 bits but only their low 32 bits count, signed.
+std::int32_t low32(std::int64_t value)
+{
+    return static_cast<std::int32_t>(value);
+}
+
+// A path that is not UTF-8 arrives absent and prints as an absent value has
+// always printed.
+std::string pathText(const std::optional<std::string>& path)
+{
+    return path.value_or("(null)");
+}
+
+void notifyIfWanted(const UIBridge& bridge, const Settings& settings, const std::string& title,
+    const std::string& path, const std::string& name)
+{
+    if (settings.getToast())
+        bridge.notify(title, path, name);
+}
+
+// A file read from start offset to end for a download.
+class SourceFile {
+public:
+    explicit SourceFile(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    ~SourceFile()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    SourceFile(const SourceFile&) = delete;
+    SourceFile& operator=(const SourceFile&) = delete;
+
+    bool isOpen() const { return m_fd >= 0; }
+
+    void seek(std::int64_t offset, const std::string& path)
+    {
+        if (::lseek(m_fd, static_cast<off_t>(offset), SEEK_SET) < 0)
+            throw std::system_error(errno, std::generic_category(),
+                fmt::format("Failed to seek to {} in {}", offset, path));
+    }
+
+    // Up to `length` bytes, fewer only at the end of the file.
+    std::int64_t read(std::uint8_t* buffer, std::int64_t length, const std::string& path)
+    {
+        std::int64_t got = 0;
+        while (got < length) {
+            ssize_t n = ::read(m_fd, buffer + got, static_cast<std::size_t>(length - got));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                throw std::system_error(errno, std::generic_category(), "Failed to read " + path);
+            if (n == 0)
+                break;
+            got += n;
+        }
+        return got;
+    }
+
+private:
+    int m_fd;
+};
+
+// One downloadFiles command: reads the request, then streams each file's
+// record, bytes and digest, then the end marker.
+class Download {
+public:
+    Download(StreamIO& io, const UIBridge& bridge, const Settings& settings)
+        : m_io(io), m_bridge(bridge), m_settings(settings)
+    {
+    }
+
+    void run()
+    {
+        auto count = low32(m_io.readLong(kDownloading));
+        m_bridge.logInfo(fmt::format("Downloading files. File count = {}", count));
+        std::vector<Wanted> files;
+        for (std::int32_t i = 0; i < count; ++i) {
+            auto path = pathText(m_io.readString(kDownloading));
+            files.push_back({path, m_io.readLong(kDownloading)});
+        }
+        bool withDigest = m_io.readBool(kDownloading);
+
+        m_io.writeEmptyHeader(Command::DownloadFiles, kDownloading);
+        for (const auto& file : files)
+            send(file, withDigest);
+        m_io.writeData(BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()), kDownloading);
+    }
+
+private:
+    struct Wanted {
+        std::string path;
+        std::int64_t offset;
+    };
+
+    [[noreturn]] void failOpen(const std::string& path)
+    {
+        auto reason = fmt::format("Failed to open file: {}", path);
+        m_bridge.logError(reason);
+        throw SyncException("FailedOpen", reason);
+    }
+
+    void send(const Wanted& file, bool withDigest)
+    {
+        m_bridge.logInfo(fmt::format("Sending: {}. Offset = {}", file.path, file.offset));
+        notifyIfWanted(m_bridge, m_settings, "Sending File", file.path, "SENDFILE");
+        // The record expands a leading "~"; the file is opened as named.
+        auto record = FileSyncInfo::initFromPath(file.path);
+        m_io.writeData(BitHelper::encodeFileSyncInfo(record), kDownloading);
+
+        SourceFile source(file.path);
+        if (!source.isOpen())
+            failOpen(file.path);
+        source.seek(file.offset, file.path);
+        sendBytes(source, file.path, file.offset, static_cast<std::int64_t>(record.size));
+
+        if (withDigest)
+            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(file.path)), kDownloading);
+        m_bridge.logInfo(fmt::format("Sent: {}", file.path));
+    }
+
+    // The bytes from `offset` to the size the record announced.
+    void sendBytes(SourceFile& source, const std::string& path, std::int64_t offset, std::int64_t size)
+    {
+        if (m_buffer.empty() && size > offset)
+            m_buffer.resize(kChunkSize);
+        while (size > offset) {
+            auto got = source.read(m_buffer.data(), std::min(size - offset, kChunkSize), path);
+            // The file has shrunk since its record went out. Read literally,
+            // the loop would wait forever for bytes that will never come; the
+            // session ends instead the way a file that cannot be opened ends it.
+            if (got == 0)
+                failOpen(path);
+            m_io.writeBytes(m_buffer.data(), got, kSendingData);
+            offset += got;
+            if (m_settings.getVerbose())
+                m_bridge.logMessage(fmt::format("Sent {} bytes. Offset = {}", got, offset));
+            m_bridge.setProgress(low32(offset), low32(size));
+        }
+    }
+
+    StreamIO& m_io;
+    const UIBridge& m_bridge;
+    const Settings& m_settings;
+    std::vector<std::uint8_t> m_buffer;
+};
+
+// One uploadFiles command: works out every file's start offset from its
+// partial file, answers them, then receives each file and moves it into place.
+class Upload {
+public:
+    Upload(StreamIO& io, InputStream& input, const UIBridge& bridge, const Settings& settings)
+        : m_io(io), m_input(input), m_bridge(bridge), m_settings(settings)
+    {
+    }
+
+    void run()
+    {
+        bool withDigest = m_io.readBool(kUploading);
+        auto count = low32(m_io.readLong(kUploading));
+        m_bridge.logInfo(
+            fmt::format("Uploading files. File count = {}, hash = {}", count, withDigest ? "YES" : "NO"));
+        std::vector<Incoming> files;
+        std::vector<std::int64_t> offsets;
+        for (std::int32_t i = 0; i < count; ++i) {
+            files.push_back(readHeader(withDigest));
+            offsets.push_back(files.back().offset);
+        }
+        m_io.writeDataPacket(Command::UploadFiles, BitHelper::encodeLongLongArray(offsets), kUploading);
+        for (const auto& file : files)
+            receive(file, withDigest);
+    }
+
+private:
+    struct Incoming {
+        std::string path;
+        std::int64_t size;
+        std::int64_t modified;
+        std::int64_t offset;
+    };
+
+    Incoming readHeader(bool withDigest)
+    {
+        Incoming file;
+        file.path = pathText(m_io.readString(kUploading));
+        file.size = m_io.readLong(kUploading);
+        file.modified = m_io.readLong(kUploading);
+        // The phone's digest is read and dropped: the answer carries ours.
+        if (withDigest)
+            m_io.readString(kUploading);
+        file.offset = PartialFile::resumeOffset(PartialFile::pathFor(file.path), file.size);
+        return file;
+    }
+
+    void receive(const Incoming& file, bool withDigest)
+    {
+        std::error_code ignored;
+        std::filesystem::create_directories(Paths::deletingLastPathComponent(file.path), ignored);
+        m_bridge.logInfo(fmt::format("Receiving: {}. Offset = {}", file.path, file.offset));
+        notifyIfWanted(m_bridge, m_settings, "Receiving File", file.path, "RECEIVEFILE");
+
+        auto received = receiveData(file);
+        m_io.writeData(BitHelper::encodeLongLong(received), kUploading);
+
+        PartialFile::moveIntoPlace(PartialFile::pathFor(file.path), file.path, file.modified);
+        if (withDigest)
+            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(file.path)), kUploading);
+        m_bridge.logInfo(fmt::format("Saved: {}.", file.path));
+    }
+
+    // Appends the missing bytes to the partial file; returns how many came.
+    std::int64_t receiveData(const Incoming& file)
+    {
+        std::lock_guard lock(uploadLock());
+        PartialFile partial(PartialFile::pathFor(file.path));
+        std::int64_t remaining = file.size - file.offset;
+        std::int64_t received = 0;
+        if (m_buffer.empty() && remaining > 0)
+            m_buffer.resize(kChunkSize);
+        while (remaining > 0) {
+            auto n = std::min(remaining, kChunkSize);
+            receiveChunk(partial, n);
+            partial.flush();
+            received += n;
+            if (m_settings.getVerbose())
+                m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, file.offset + received));
+            m_bridge.setProgress(low32(received), low32(file.size));
+            remaining -= n;
+        }
+        partial.close();
+        PartialFile::setModified(partial.path(), file.modified);
+        return received;
+    }
+
+    // Reads one chunk, appending each piece as soon as it has arrived, so
+    // that a connection cut mid-chunk still leaves every byte that came
+    // before the cut in the partial file.
+    void receiveChunk(PartialFile& partial, std::int64_t length)
+    {
+        std::int64_t filled = 0;
+        while (filled < length) {
+            auto piece = std::clamp<std::int64_t>(waiting(), 1, length - filled);
+            m_io.read(m_buffer.data() + filled, piece, kReceivingData);
+            partial.append(m_buffer.data() + filled, static_cast<std::size_t>(piece));
+            filled += piece;
+        }
+    }
+
+    // Bytes already on the connection, after a short wait when there are none
+    // (a read of one byte then waits for more, or reports the cut).
+    std::int64_t waiting() const
+    {
+        int count = 0;
+        if (::ioctl(m_input.fd(), FIONREAD, &count) == 0 && count > 0)
+            return count;
+        m_input.waitReadable(500);
+        if (::ioctl(m_input.fd(), FIONREAD, &count) == 0)
+            return count;
+        return 0;
+    }
+
+    StreamIO& m_io;
+    InputStream& m_input;
+    const UIBridge& m_bridge;
+    const Settings& m_settings;
+    std::vector<std::uint8_t> m_buffer;
+};
+
+} // namespace
+
+void SocketServer::downloadFiles()
+{
+    guarded(Command::DownloadFiles, kDownloading, [&] { Download(m_io, *m_uiBridge, *m_settings).run(); });
+}
+
+void SocketServer::uploadFiles()
+{
+    guarded(Command::UploadFiles, kUploading, [&] { Upload(m_io, *m_istream, *m_uiBridge, *m_settings).run(); });
+}

@@ -1,0 +1,459 @@
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "app/UIBridge.h"
+#include "records/FileSyncInfo.h"
+#include "records/RecordEncoding.h"
+#include "session/Commands.h"
+#include "session/SessionTestHelpers.h"
+#include "support/LoopbackServer.h"
+#include "wire/BitHelper.h"
+#include "wire/Digest.h"
+#include "wire/StreamIO.h"
+
+namespace fs = std::filesystem;
+using SessionTest::expectSessionAlive;
+
+namespace {
+
+constexpr std::uint8_t kDownload = Command::DownloadFiles;
+constexpr std::uint8_t kUpload = Command::UploadFiles;
+
+std::string pattern(std::size_t length, unsigned seed = 1)
+{
+    std::string text(length, '\0');
+    for (std::size_t i = 0; i < length; ++i)
+        text[i] = static_cast<char>((i * 131 + seed * 7 + i / 977) & 0xff);
+    return text;
+}
+
+// Equal contents, reported by size and first difference rather than in full.
+::testing::AssertionResult sameBytes(const std::string& actual, const std::string& expected)
+{
+    if (actual == expected)
+        return ::testing::AssertionSuccess();
+    auto diff = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
+    return ::testing::AssertionFailure() << actual.size() << " bytes where " << expected.size()
+                                         << " were expected; first difference at " << (diff.first - actual.begin());
+}
+
+Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
+std::string textOf(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+std::string md5(const std::string& text) { return Digest::md5Hex(text.data(), text.size()); }
+
+void writeFile(const fs::path& path, const std::string& contents)
+{
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << contents;
+}
+
+std::int64_t mtimeOf(const fs::path& path)
+{
+    struct stat st {};
+    ::stat(path.c_str(), &st);
+    return st.st_mtime;
+}
+
+// The fields of a streamed file record that these tests look at.
+struct Record {
+    std::string fullName;
+    std::uint64_t size = 0;
+    std::int64_t created = 0;
+    std::int64_t modified = 0;
+};
+
+Record readRecord(SyncClient& client)
+{
+    auto body = client.readExact(static_cast<std::size_t>(client.readLong()));
+    std::int32_t at = 0;
+    Record record;
+    record.fullName = BitHelper::decodeString(body, at).value_or("");
+    for (int i = 0; i < 3; ++i)
+        BitHelper::decodeString(body, at);
+    at += 1; // kind
+    record.size = static_cast<std::uint64_t>(BitHelper::decodeLongLong(body, at));
+    record.created = BitHelper::decodeLongLong(body, at);
+    record.modified = BitHelper::decodeLongLong(body, at);
+    return record;
+}
+
+Bytes endMarker() { return BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()); }
+
+struct Wanted {
+    std::string path;
+    std::int64_t offset;
+};
+
+Bytes downloadFields(std::int64_t count, const std::vector<Wanted>& files, bool digest)
+{
+    Bytes fields = BitHelper::encodeLongLong(count);
+    for (const auto& f : files) {
+        fields += BitHelper::encodeString(std::string_view(f.path));
+        fields += BitHelper::encodeLongLong(f.offset);
+    }
+    fields += BitHelper::encodeBool(digest);
+    return fields;
+}
+
+struct Sending {
+    std::string path;
+    std::int64_t size;
+    std::int64_t modified;
+};
+
+Bytes uploadFields(bool digest, std::int64_t count, const std::vector<Sending>& files)
+{
+    Bytes fields = BitHelper::encodeBool(digest);
+    fields += BitHelper::encodeLongLong(count);
+    for (const auto& f : files) {
+        fields += BitHelper::encodeString(std::string_view(f.path));
+        fields += BitHelper::encodeLongLong(f.size);
+        fields += BitHelper::encodeLongLong(f.modified);
+        if (digest)
+            fields += BitHelper::encodeString("phone digest, ignored");
+    }
+    return fields;
+}
+
+std::vector<std::int64_t> readOffsets(SyncClient& client)
+{
+    auto reply = client.readReply();
+    EXPECT_EQ(reply.code, kUpload);
+    EXPECT_FALSE(reply.isError()) << reply.message;
+    std::vector<std::int64_t> offsets;
+    std::int32_t at = 0;
+    while (at < static_cast<std::int32_t>(reply.data.size()))
+        offsets.push_back(BitHelper::decodeLongLong(reply.data, at));
+    return offsets;
+}
+
+// Everything the server sends until it closes the connection.
+Bytes drainUntilClose(SyncClient& client)
+{
+    Bytes all;
+    std::uint8_t block[1 << 16];
+    for (;;) {
+        pollfd p{client.fd(), POLLIN, 0};
+        if (::poll(&p, 1, 20000) <= 0)
+            throw SyncClient::Error("the server neither sent nor closed");
+        ssize_t n = ::recv(client.fd(), block, sizeof block, 0);
+        if (n <= 0)
+            return all;
+        all.insert(all.end(), block, block + n);
+    }
+}
+
+class RecordingNotifier : public Notifier {
+public:
+    using Call = std::tuple<std::string, std::string, std::string>;
+    void notify(const std::string& title, const std::string& description, const std::string& name) override
+    {
+        std::lock_guard lock(m_mutex);
+        m_calls.emplace_back(title, description, name);
+    }
+    std::vector<Call> calls()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_calls;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<Call> m_calls;
+};
+
+class TransferTest : public ::testing::Test {
+protected:
+    fs::path at(const std::string& relative) { return server.home().path() / relative; }
+
+    LoopbackServer server;
+};
+
+// ---- downloadFiles ----
+
+TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
+{
+    const auto contents = pattern(1000);
+    const auto path = at("music/a.mp3");
+    writeFile(path, contents);
+    auto client = server.connect();
+    client->sendCommand(kDownload, downloadFields(4, {{path, 0}, {path, 300}, {path, 1000}, {path, 1500}}, true));
+
+    EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+    for (std::int64_t offset : {0, 300, 1000, 1500}) {
+        auto record = readRecord(*client);
+        EXPECT_EQ(record.fullName, path.string());
+        EXPECT_EQ(record.size, 1000u);
+        EXPECT_EQ(record.modified, mtimeOf(path));
+        auto from = static_cast<std::size_t>(std::min<std::int64_t>(offset, 1000));
+        EXPECT_TRUE(sameBytes(textOf(client->readExact(1000 - from)), contents.substr(from))) << "offset " << offset;
+        EXPECT_EQ(client->readString(), md5(contents)) << "offset " << offset;
+    }
+    EXPECT_EQ(client->readExact(79), endMarker());
+    expectSessionAlive(*client);
+    EXPECT_TRUE(server.log().contains("Downloading files. File count = 4"));
+    EXPECT_TRUE(server.log().contains(fmt::format("Sending: {}. Offset = 300", path.string())));
+    EXPECT_TRUE(server.log().contains(fmt::format("Sent: {}", path.string())));
+}
+
+TEST_F(TransferTest, DownloadStreamsLargeFilesInChunksWithoutDigest)
+{
+    server.settings().setVerbose(true);
+    const auto contents = pattern(1100000, 3);
+    const auto path = at("big.bin");
+    writeFile(path, contents);
+    auto client = server.connect();
+    client->sendCommand(kDownload, downloadFields(1, {{path, 100000}}, false));
+
+    EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+    EXPECT_EQ(readRecord(*client).size, 1100000u);
+    EXPECT_TRUE(sameBytes(textOf(client->readExact(1000000)), contents.substr(100000)));
+    // No digest: the end marker follows the data at once.
+    EXPECT_EQ(client->readExact(79), endMarker());
+    expectSessionAlive(*client);
+    EXPECT_TRUE(server.log().contains("Sent 512000 bytes. Offset = 612000"));
+    EXPECT_TRUE(server.log().contains("Sent 488000 bytes. Offset = 1100000"));
+}
+
+TEST_F(TransferTest, DownloadOfAMissingFileSendsAnEmptyRecordThenFailsAndEndsTheSession)
+{
+    const auto path = at("gone.mp3").string();
+    auto client = server.connect();
+    client->sendCommand(kDownload, downloadFields(1, {{path, 0}}, true));
+
+    EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+    auto record = readRecord(*client);
+    EXPECT_EQ(record.fullName, path);
+    EXPECT_EQ(record.size, 0u);
+    EXPECT_EQ(record.created, 0);
+    EXPECT_EQ(record.modified, 0);
+    SessionTest::expectSessionEndsWith(*client, kDownload, "Failed to open file: " + path);
+    EXPECT_TRUE(server.log().contains("Failed to open file: " + path));
+}
+
+TEST_F(TransferTest, DownloadOfAFileThatShrinksEndsTheSessionInsteadOfWaitingForever)
+{
+    const auto path = at("shrinking.bin");
+    {
+        std::ofstream(path, std::ios::binary);
+    }
+    fs::resize_file(path, 64 << 20); // sparse: far more than the socket buffers hold
+    auto client = server.connect();
+    client->sendCommand(kDownload, downloadFields(1, {{path, 0}}, false));
+    EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+    EXPECT_EQ(readRecord(*client).size, 64u << 20);
+    fs::resize_file(path, 0);
+
+    // Whatever was read before the cut arrives, then the error packet.
+    auto rest = drainUntilClose(*client);
+    auto expected = StreamIO::errorPacket(kDownload, "Failed to open file: " + path.string());
+    ASSERT_GE(rest.size(), expected.size());
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), rest.end() - static_cast<long>(expected.size())));
+    EXPECT_LT(rest.size(), std::size_t{64} << 20);
+}
+
+TEST_F(TransferTest, DownloadOfNoFilesSendsTheEndMarkerOnly)
+{
+    auto client = server.connect();
+    // Only the low 32 bits of the count are used: 2^32 is zero files.
+    for (std::int64_t count : {0LL, -3LL, 1LL << 32}) {
+        client->sendCommand(kDownload, downloadFields(count, {}, true));
+        EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+        EXPECT_EQ(client->readExact(79), endMarker());
+        expectSessionAlive(*client);
+    }
+}
+
+// ---- uploadFiles ----
+
+TEST_F(TransferTest, UploadResumesFromThePartialFile)
+{
+    const auto contents = pattern(1000, 5);
+    const auto path = at("in/song.mp3");
+    writeFile(path.string() + ".zandrel", contents.substr(0, 300));
+    auto client = server.connect();
+    client->sendCommand(kUpload, uploadFields(true, 1, {{path, 1000, 1300000000}}));
+
+    EXPECT_EQ(readOffsets(*client), std::vector<std::int64_t>{300});
+    client->sendRaw(bytesOf(contents.substr(300)));
+    EXPECT_EQ(client->readLong(), 700);
+    EXPECT_EQ(client->readString(), md5(contents));
+    expectSessionAlive(*client);
+
+    EXPECT_TRUE(sameBytes(readFile(path), contents));
+    EXPECT_FALSE(fs::exists(path.string() + ".zandrel"));
+    EXPECT_EQ(mtimeOf(path), 1300000000);
+    EXPECT_TRUE(server.log().contains(fmt::format("Uploading files. File count = 1, hash = YES")));
+    EXPECT_TRUE(server.log().contains(fmt::format("Receiving: {}. Offset = 300", path.string())));
+    EXPECT_TRUE(server.log().contains(fmt::format("Saved: {}.", path.string())));
+}
+
+TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
+{
+    const auto tooLong = at("a/long.bin"), full = at("a/full.bin"), empty = at("a/empty.bin");
+    const auto overFolder = at("a/folder.bin"), deep = at("new/deeper/deep.bin");
+    writeFile(tooLong.string() + ".zandrel", pattern(50));
+    writeFile(full.string() + ".zandrel", pattern(40, 2));
+    writeFile(overFolder / "inside" / "x.txt", "in the way");
+    const auto longContents = pattern(20, 4), folderContents = pattern(10, 6), deepContents = pattern(5, 7);
+    auto client = server.connect();
+    client->sendCommand(kUpload,
+        uploadFields(false, 5,
+            {{tooLong, 20, 1000000001}, {full, 40, 1000000002}, {empty, 0, 1000000003},
+                {overFolder, 10, 1000000004}, {deep, 5, 1000000005}}));
+
+    EXPECT_EQ(readOffsets(*client), (std::vector<std::int64_t>{0, 40, 0, 0, 0}));
+    client->sendRaw(bytesOf(longContents));
+    EXPECT_EQ(client->readLong(), 20);
+    EXPECT_EQ(client->readLong(), 0); // nothing more was needed
+    EXPECT_EQ(client->readLong(), 0);
+    client->sendRaw(bytesOf(folderContents));
+    EXPECT_EQ(client->readLong(), 10);
+    client->sendRaw(bytesOf(deepContents));
+    EXPECT_EQ(client->readLong(), 5);
+    expectSessionAlive(*client); // no digest, no end marker
+
+    EXPECT_TRUE(sameBytes(readFile(tooLong), longContents)) << "a partial longer than announced is dropped";
+    EXPECT_TRUE(sameBytes(readFile(full), pattern(40, 2)));
+    EXPECT_EQ(mtimeOf(full), 1000000002);
+    EXPECT_TRUE(fs::is_regular_file(empty));
+    EXPECT_EQ(fs::file_size(empty), 0u);
+    EXPECT_EQ(mtimeOf(empty), 1000000003);
+    EXPECT_TRUE(fs::is_regular_file(overFolder));
+    EXPECT_TRUE(sameBytes(readFile(overFolder), folderContents));
+    EXPECT_TRUE(sameBytes(readFile(deep), deepContents));
+    for (const auto& p : {tooLong, full, empty, overFolder, deep})
+        EXPECT_FALSE(fs::exists(p.string() + ".zandrel")) << p;
+}
+
+TEST_F(TransferTest, UploadOfNoFilesAnswersAnEmptyDataPacket)
+{
+    auto client = server.connect();
+    for (std::int64_t count : {0LL, -1LL}) {
+        client->sendCommand(kUpload, uploadFields(true, count, {}));
+        auto reply = client->readReply();
+        EXPECT_EQ(reply.code, kUpload);
+        EXPECT_FALSE(reply.isError());
+        EXPECT_TRUE(reply.data.empty());
+        expectSessionAlive(*client);
+    }
+}
+
+TEST_F(TransferTest, UploadCutMidFileKeepsEveryReceivedByteAndFreesTheLock)
+{
+    const auto contents = pattern(2000000, 8);
+    const auto path = at("cut/video.m4v");
+    const auto partial = path.string() + ".zandrel";
+    {
+        auto client = server.connect();
+        client->sendCommand(kUpload, uploadFields(false, 1, {{path, 2000000, 1200000000}}));
+        EXPECT_EQ(readOffsets(*client), std::vector<std::int64_t>{0});
+        // More than one chunk, and part of the next one.
+        client->sendRaw(bytesOf(contents.substr(0, 700000)));
+    }
+    ASSERT_TRUE(server.log().waitFor("Connection closed.", 10000));
+    EXPECT_TRUE(sameBytes(readFile(partial), contents.substr(0, 700000)));
+    EXPECT_FALSE(fs::exists(path));
+
+    // A second session can take the lock and resumes where the first stopped.
+    auto client = server.connect();
+    client->sendCommand(kUpload, uploadFields(true, 1, {{path, 2000000, 1200000000}}));
+    EXPECT_EQ(readOffsets(*client), std::vector<std::int64_t>{700000});
+    client->sendRaw(bytesOf(contents.substr(700000)));
+    EXPECT_EQ(client->readLong(), 1300000);
+    EXPECT_EQ(client->readString(), md5(contents));
+    EXPECT_TRUE(sameBytes(readFile(path), contents));
+    EXPECT_EQ(mtimeOf(path), 1200000000);
+}
+
+TEST_F(TransferTest, TwoSessionsUploadingAtOnceReceiveOneFileAfterTheOther)
+{
+    server.settings().setVerbose(true);
+    const auto first = at("two/first.bin"), second = at("two/second.bin");
+    const auto firstContents = pattern(1500000, 9), secondContents = pattern(1500100, 10);
+    // The second resumes from 100 bytes, so its progress lines differ.
+    writeFile(second.string() + ".zandrel", secondContents.substr(0, 100));
+
+    auto a = server.connect();
+    a->sendCommand(kUpload, uploadFields(false, 1, {{first, 1500000, 1}}));
+    EXPECT_EQ(readOffsets(*a), std::vector<std::int64_t>{0});
+    a->sendRaw(bytesOf(firstContents.substr(0, 600000)));
+    ASSERT_TRUE(server.log().waitFor("Received 512000 bytes. Offset = 512000", 10000));
+
+    // While the first holds the lock the second still gets its offsets.
+    auto b = server.connect();
+    b->sendCommand(kUpload, uploadFields(false, 1, {{second, 1500100, 2}}));
+    EXPECT_EQ(readOffsets(*b), std::vector<std::int64_t>{100});
+    std::int64_t secondReceived = -1;
+    std::thread sender([&] {
+        b->sendRaw(bytesOf(secondContents.substr(100)));
+        secondReceived = b->readLong();
+    });
+    ASSERT_TRUE(server.log().waitFor(fmt::format("Receiving: {}. Offset = 100", second.string()), 10000));
+    a->sendRaw(bytesOf(firstContents.substr(600000)));
+    EXPECT_EQ(a->readLong(), 1500000);
+    sender.join();
+    EXPECT_EQ(secondReceived, 1500000);
+    EXPECT_TRUE(sameBytes(readFile(first), firstContents));
+    EXPECT_TRUE(sameBytes(readFile(second), secondContents));
+
+    // Every progress line of the first precedes every line of the second.
+    auto lines = server.log().lines();
+    auto index = [&](const std::string& line) {
+        return std::find(lines.begin(), lines.end(), line) - lines.begin();
+    };
+    auto lastOfFirst = index("Received 476000 bytes. Offset = 1500000");
+    auto firstOfSecond = index("Received 512000 bytes. Offset = 512100");
+    ASSERT_LT(lastOfFirst, static_cast<long>(lines.size()));
+    ASSERT_LT(firstOfSecond, static_cast<long>(lines.size()));
+    EXPECT_LT(lastOfFirst, firstOfSecond);
+}
+
+TEST_F(TransferTest, EachFileRaisesANotificationOnlyWhenToastIsOn)
+{
+    auto notifier = std::make_shared<RecordingNotifier>();
+    server.app().uiBridge()->setNotifier(notifier);
+    const auto source = at("n/out.txt"), destination = at("n/in.txt");
+    writeFile(source, "abc");
+    auto client = server.connect();
+
+    server.settings().setToast(false);
+    client->sendCommand(kDownload, downloadFields(1, {{source, 0}}, false));
+    client->readReply(true);
+    readRecord(*client);
+    client->readExact(3 + 79);
+    EXPECT_TRUE(notifier->calls().empty());
+
+    server.settings().setToast(true);
+    client->sendCommand(kDownload, downloadFields(1, {{source, 0}}, false));
+    client->readReply(true);
+    readRecord(*client);
+    client->readExact(3 + 79);
+    client->sendCommand(kUpload, uploadFields(false, 1, {{destination, 2, 5}}));
+    readOffsets(*client);
+    client->sendRaw(bytesOf("xy"));
+    EXPECT_EQ(client->readLong(), 2);
+    expectSessionAlive(*client);
+
+    using Call = RecordingNotifier::Call;
+    EXPECT_EQ(notifier->calls(), (std::vector<Call>{{"Sending File", source.string(), "SENDFILE"},
+                                     {"Receiving File", destination.string(), "RECEIVEFILE"}}));
+}
+
+} // namespace
