@@ -87,6 +87,10 @@ void App::serverThread()
 
 void App::stop()
 {
+    // A server still coming up is let up first, so that a stop right after
+    // a start (a quick save, a quick quit) never leaves it running.
+    if (m_starting)
+        waitUntilRunning(std::chrono::seconds(30));
     if (!m_isRunning)
         return;
     std::shared_ptr<SocketListener> listener;

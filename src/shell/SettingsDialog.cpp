@@ -1,0 +1,253 @@
+#include "shell/SettingsDialog.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <mutex>
+
+#include <QScrollBar>
+#include <QTextCharFormat>
+#include <QTextCursor>
+
+#include "app/App.h"
+#include "app/UIBridge.h"
+#include "settings/Settings.h"
+#include "shell/BackgroundJobs.h"
+#include "shell/TrayIcon.h"
+#include "shell/TrayMenu.h"
+#include "ui_MainMenu.h"
+
+namespace {
+
+// Log lines below this level never reach the view. The three log
+// operations use levels 0 to 2, so the view stays empty; kept on purpose.
+constexpr int kLogViewThreshold = 10;
+
+// Two saves never overlap, even when the window is reopened (and Save
+// enabled again) before the first has finished.
+std::mutex g_saveMutex;
+
+// Carries the core's progress to the window's GUI thread.
+class ProgressRelay : public ProgressView {
+public:
+    explicit ProgressRelay(std::shared_ptr<GuiRelay<SettingsDialog>> relay) : m_relay(std::move(relay)) {}
+    void setProgress(int percent) override
+    {
+        m_relay->post([percent](SettingsDialog& dialog) { dialog.setProgress(percent); });
+    }
+
+private:
+    std::shared_ptr<GuiRelay<SettingsDialog>> m_relay;
+};
+
+} // namespace
+
+SettingsDialog::SettingsDialog(QWidget* parent)
+    : QDialog(parent)
+    , m_ui(std::make_unique<Ui::MainMenu>())
+    , m_relay(std::make_shared<GuiRelay<SettingsDialog>>(this))
+{
+    m_ui->setupUi(this);
+    setWindowIcon(TrayIcon::icon());
+    m_ui->logView->clear();
+    connect(m_ui->portField, &QLineEdit::textEdited, this, [this] { controlTextDidChange(m_ui->portField); });
+    connect(m_ui->passwordField, &QLineEdit::textEdited, this,
+            [this] { controlTextDidChange(m_ui->passwordField); });
+    connect(m_ui->saveButton, &QPushButton::clicked, this, &SettingsDialog::save);
+    connect(m_ui->cancelButton, &QPushButton::clicked, this, &SettingsDialog::cancel);
+}
+
+SettingsDialog::~SettingsDialog()
+{
+    m_relay->detach();
+}
+
+void SettingsDialog::addApp(std::shared_ptr<App> app, TrayMenu* menu)
+{
+    _app = std::move(app);
+    trayMenu = menu;
+    m_settings = _app->settings();
+    _updateForm();
+}
+
+std::shared_ptr<ProgressView> SettingsDialog::progressView() const
+{
+    return std::make_shared<ProgressRelay>(m_relay);
+}
+
+void SettingsDialog::_updateForm()
+{
+    if (!m_settings)
+        return;
+    m_ui->versionField->setText(QString::fromStdString(m_settings->getVersion()));
+    m_ui->hostnameField->setText(QString::fromStdString(Settings::computerName()));
+    m_ui->usernameField->setText(QString::fromStdString(Settings::userName()));
+    m_ui->progressBar->setValue(0);
+    _getAndSetIPAddresses();
+    m_ui->portField->setText(QString::number(m_settings->getPort()));
+    m_ui->passwordField->setText(QString());
+    m_ui->notificationsCheckBox->setChecked(m_settings->getToast());
+    m_ui->startOnLoginCheckbox->setChecked(m_settings->getStartOnLogin());
+    m_ui->enableLoggingCheckbox->setChecked(m_settings->getTrace());
+    enforceLoginChoice(m_ui->startOnLoginCheckbox->isChecked());
+    updateSaveButton();
+}
+
+void SettingsDialog::_getAndSetIPAddresses()
+{
+    m_ui->addressesPopup->clear();
+    for (const std::string& address : m_settings->validIPAddresses())
+        m_ui->addressesPopup->addItem(QString::fromStdString(address));
+    m_ui->addressesPopup->setCurrentIndex(m_ui->addressesPopup->count() > 0 ? 0 : -1);
+}
+
+void SettingsDialog::updateSaveButton()
+{
+    m_ui->saveButton->setText(tr("Save"));
+    m_ui->saveButton->setEnabled(true);
+    m_ui->cancelButton->setEnabled(true);
+}
+
+void SettingsDialog::controlTextDidChange(QLineEdit* field)
+{
+    m_ui->saveButton->setEnabled(true);
+    if (field == m_ui->portField) {
+        const QString text = field->text();
+        QString digits;
+        int cursor = field->cursorPosition();
+        for (qsizetype i = 0; i < text.size(); ++i) {
+            if (text[i].isDigit())
+                digits += text[i];
+            else if (i < field->cursorPosition())
+                --cursor;
+        }
+        if (digits != text) {
+            field->setText(digits);
+            field->setCursorPosition(cursor);
+        }
+    }
+    // value - 1024 as an unsigned 32-bit number below 64512: 1024 to 65535.
+    const auto offset = static_cast<std::uint32_t>(intValue(m_ui->portField->text())) - 1024u;
+    if (m_ui->passwordField->text().isEmpty() || offset >= 64512u)
+        m_ui->saveButton->setEnabled(false);
+}
+
+int SettingsDialog::intValue(const QString& text)
+{
+    // Leading ASCII digits, saturating: what the port field's integer value
+    // always meant.
+    long long value = 0;
+    for (QChar c : text) {
+        if (c < QLatin1Char('0') || c > QLatin1Char('9'))
+            break;
+        value = std::min<long long>(value * 10 + (c.unicode() - '0'), INT_MAX);
+    }
+    return static_cast<int>(value);
+}
+
+void SettingsDialog::save()
+{
+    m_ui->saveButton->setText(tr("Saving..."));
+    m_ui->saveButton->setEnabled(false);
+    m_ui->cancelButton->setEnabled(false);
+    BackgroundJobs::start(
+        [app = _app, settings = m_settings, form = readForm(), relay = m_relay] { saveSub(app, settings, form, relay); });
+}
+
+SettingsDialog::Form SettingsDialog::readForm() const
+{
+    Form form;
+    for (int i = 0; i < m_ui->addressesPopup->count(); ++i)
+        form.addresses << m_ui->addressesPopup->itemText(i);
+    form.selectedAddress = m_ui->addressesPopup->currentText();
+    form.port = m_ui->portField->text();
+    form.password = m_ui->passwordField->text();
+    form.toast = m_ui->notificationsCheckBox->isChecked();
+    form.trace = m_ui->enableLoggingCheckbox->isChecked();
+    form.startOnLogin = m_ui->startOnLoginCheckbox->isChecked();
+    return form;
+}
+
+void SettingsDialog::saveSub(std::shared_ptr<App> app, std::shared_ptr<Settings> settings, Form form,
+                             std::shared_ptr<GuiRelay<SettingsDialog>> relay)
+{
+    std::lock_guard lock(g_saveMutex);
+    TrayMenu::stopServer(app.get());
+    if (settings)
+        _updateSettings(*settings, form);
+    if (app)
+        app->start();
+    relay->post([](SettingsDialog& dialog) { dialog.closeAfterSave(); });
+}
+
+void SettingsDialog::_updateSettings(Settings& settings, const Form& form)
+{
+    if (form.addresses.size() == 1)
+        settings.setLastIP(form.addresses.front().toStdString());
+    else if (form.addresses.size() >= 2)
+        settings.setLastIP(form.selectedAddress.toStdString());
+    settings.setPort(intValue(form.port));
+    if (!form.password.isEmpty())
+        settings.setPlainTextPassword(form.password.toStdString());
+    settings.setToast(form.toast);
+    settings.setTrace(form.trace);
+    settings.setStartOnLogin(form.startOnLogin);
+    enforceLoginChoice(form.startOnLogin);
+    settings.writePreferences();
+}
+
+void SettingsDialog::enforceLoginChoice(bool startAtLogin)
+{
+    const std::string app = Settings::appURL();
+    if (Settings::willStartAtLogin(app) != startAtLogin)
+        Settings::setStartAtLogin(app, startAtLogin);
+}
+
+void SettingsDialog::closeAfterSave()
+{
+    // Save keeps its "Saving..." title until the next opening refills the form.
+    hide();
+}
+
+void SettingsDialog::cancel()
+{
+    hide();
+}
+
+void SettingsDialog::setProgress(int percent)
+{
+    m_ui->progressBar->setValue(percent);
+}
+
+void SettingsDialog::logError(const QString& text)
+{
+    _logToScreen(text, Qt::red, 2);
+}
+
+void SettingsDialog::logInfo(const QString& text)
+{
+    _logToScreen(text, QColor(128, 0, 128), 0);
+}
+
+void SettingsDialog::logMessage(const QString& text)
+{
+    _logToScreen(text, Qt::black, 1);
+}
+
+void SettingsDialog::_logToScreen(const QString& text, const QColor& colour, int level)
+{
+    if (level < kLogViewThreshold)
+        return;
+    QTextCharFormat format;
+    format.setForeground(colour);
+    QTextCursor cursor(m_ui->logView->document());
+    cursor.movePosition(QTextCursor::End);
+    cursor.insertText(text + QLatin1Char('\n'), format);
+    scrollToBottom();
+}
+
+void SettingsDialog::scrollToBottom()
+{
+    QScrollBar* bar = m_ui->logView->verticalScrollBar();
+    bar->setValue(bar->maximum());
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <memory>
+
+#include <QColor>
+#include <QDialog>
+#include <QString>
+
+#include "shell/GuiRelay.h"
+
+class App;
+class ProgressView;
+class QLineEdit;
+class Settings;
+class TrayMenu;
+
+namespace Ui {
+class MainMenu;
+}
+
+// The settings window: shows the host's details, edits port, password and
+// the three switches, and on save restarts the server with them. Widgets
+// are touched on the GUI thread only; the save runs on a worker thread that
+// is handed the form's values and sends the closing back as a queued call.
+class SettingsDialog : public QDialog {
+    Q_OBJECT
+
+public:
+    explicit SettingsDialog(QWidget* parent = nullptr);
+    ~SettingsDialog() override;
+
+    // First opening: keeps the core and the tray menu, takes the core's
+    // settings as its own, fills the form.
+    void addApp(std::shared_ptr<App> app, TrayMenu* trayMenu);
+    // Every opening: fills the form from the settings.
+    void _updateForm();
+
+    // The progress bar as the core sees it: setProgress may be called on any
+    // thread and lands here on the GUI thread without waiting.
+    std::shared_ptr<ProgressView> progressView() const;
+    void setProgress(int percent);
+
+    // The window's log interface; nothing in the system calls it.
+    void logError(const QString& text);
+    void logInfo(const QString& text);
+    void logMessage(const QString& text);
+
+    std::shared_ptr<Settings> settings() const { return m_settings; }
+    void setSettings(std::shared_ptr<Settings> settings) { m_settings = std::move(settings); }
+
+public slots:
+    void save();
+    void cancel();
+
+private:
+    // What the save thread applies, read from the form on the GUI thread.
+    struct Form {
+        QStringList addresses;
+        QString selectedAddress;
+        QString port;
+        QString password;
+        bool toast = false;
+        bool trace = false;
+        bool startOnLogin = false;
+    };
+
+    void controlTextDidChange(QLineEdit* field);
+    void _getAndSetIPAddresses();
+    void updateSaveButton();
+    void _logToScreen(const QString& text, const QColor& colour, int level);
+    void scrollToBottom();
+    Form readForm() const;
+    void closeAfterSave();
+
+    static void saveSub(std::shared_ptr<App> app, std::shared_ptr<Settings> settings, Form form,
+                        std::shared_ptr<GuiRelay<SettingsDialog>> relay);
+    static void _updateSettings(Settings& settings, const Form& form);
+    static void enforceLoginChoice(bool startAtLogin);
+    static int intValue(const QString& text);
+
+    std::unique_ptr<Ui::MainMenu> m_ui;
+    std::shared_ptr<GuiRelay<SettingsDialog>> m_relay;
+    std::shared_ptr<App> _app;
+    std::shared_ptr<Settings> m_settings;
+    TrayMenu* trayMenu = nullptr;
+};

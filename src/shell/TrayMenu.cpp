@@ -1,0 +1,185 @@
+#include "shell/TrayMenu.h"
+
+#include <chrono>
+
+#include <QApplication>
+#include <QCursor>
+#include <QMenu>
+#include <QSystemTrayIcon>
+
+#include "app/App.h"
+#include "app/SystemLog.h"
+#include "app/UIBridge.h"
+#include "settings/Settings.h"
+#include "shell/AboutDialog.h"
+#include "shell/BackgroundJobs.h"
+#include "shell/DesktopNotifier.h"
+#include "shell/SettingsDialog.h"
+#include "shell/TrayIcon.h"
+#include "shell/UpdateCheck.h"
+#include "shell/UpdateDialog.h"
+
+namespace {
+
+TrayMenu* g_sharedTrayMenu = nullptr;
+constexpr std::chrono::seconds kStartWait{10};
+
+} // namespace
+
+TrayMenu::TrayMenu(std::shared_ptr<Notifier> notifier)
+    : m_notifier(notifier ? std::move(notifier) : std::make_shared<DesktopNotifier>())
+{
+}
+
+TrayMenu::~TrayMenu()
+{
+    if (g_sharedTrayMenu == this)
+        g_sharedTrayMenu = nullptr;
+    // The workers (a save among them) finish before the server stops for good.
+    BackgroundJobs::stopAll();
+    stopServer(_app.get());
+    if (m_updateWindow)
+        delete m_updateWindow.data();
+}
+
+void TrayMenu::stopServer(App* app)
+{
+    if (!app)
+        return;
+    // A stop that comes while the server is still coming up would be
+    // ignored, and the server left running: let it finish starting first.
+    app->waitUntilRunning(kStartWait);
+    app->stop();
+}
+
+TrayMenu* TrayMenu::sharedTrayMenu()
+{
+    return g_sharedTrayMenu;
+}
+
+UpdateDialog* TrayMenu::updateWindow() const
+{
+    return m_updateWindow;
+}
+
+void TrayMenu::applicationDidFinishLaunching()
+{
+    g_sharedTrayMenu = this;
+    _settings = std::make_shared<Settings>();
+    _app = std::make_shared<App>(_settings);
+    _app->uiBridge()->setNotifier(m_notifier);
+    checkForUpdate(m_notifier);
+    showStatusItem();
+    _app->start();
+}
+
+void TrayMenu::showStatusItem()
+{
+    _statusItem = std::make_unique<QSystemTrayIcon>(TrayIcon::icon());
+    _statusItem->setToolTip(tr("Zandrel Sync"));
+    _generateMenu();
+    // A left click shows the menu as well: it is the whole interface.
+    connect(_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger && _menu)
+            _menu->popup(QCursor::pos());
+    });
+    if (QSystemTrayIcon::isSystemTrayAvailable()) {
+        _statusItem->show();
+        return;
+    }
+    // Without a tray the person would see nothing at all.
+    SystemLog::write("No system tray available; showing the settings window instead");
+    openSettings();
+}
+
+void TrayMenu::_generateMenu()
+{
+    _menu = std::make_unique<QMenu>();
+    _genMainMenu();
+    _statusItem->setContextMenu(_menu.get());
+}
+
+void TrayMenu::_genMainMenu()
+{
+    _menu->setToolTipsVisible(true);
+    _menu->addAction(tr("Open Settings"), this, &TrayMenu::openSettings);
+    _menu->addAction(tr("Check For Update"), this, &TrayMenu::openCheckForUpdate);
+    _menu->addAction(tr("About"), this, &TrayMenu::runAbout);
+    _menu->addSeparator();
+    QAction* quit = _menu->addAction(tr("Quit"), this, &TrayMenu::actionQuit);
+    quit->setToolTip(tr("Click to Quit this App"));
+}
+
+void TrayMenu::openSettings()
+{
+    if (m_settingsWindow) {
+        m_settingsWindow->_updateForm();
+        bringToFront(m_settingsWindow.get());
+        return;
+    }
+    m_settingsWindow = std::make_unique<SettingsDialog>();
+    bringToFront(m_settingsWindow.get());
+    _app->addSettingsDialog(m_settingsWindow->progressView());
+    m_settingsWindow->addApp(_app, this);
+}
+
+void TrayMenu::actionQuit()
+{
+    QCoreApplication::quit();
+}
+
+void TrayMenu::runAbout()
+{
+    if (m_aboutWindow) {
+        bringToFront(m_aboutWindow.get());
+        return;
+    }
+    m_aboutWindow = std::make_unique<AboutDialog>();
+    bringToFront(m_aboutWindow.get());
+    m_aboutWindow->fireItUp();
+}
+
+void TrayMenu::openCheckForUpdate()
+{
+    QMetaObject::invokeMethod(this, &TrayMenu::_openCheckForUpdate, Qt::QueuedConnection);
+}
+
+void TrayMenu::_openCheckForUpdate()
+{
+    if (m_updateWindow) {
+        bringToFront(m_updateWindow);
+        return;
+    }
+    m_updateWindow = new UpdateDialog();
+    bringToFront(m_updateWindow);
+    m_updateWindow->fireItUp(this);
+}
+
+void TrayMenu::updateWindowWillClose(UpdateDialog* window)
+{
+    if (m_updateWindow == window)
+        m_updateWindow = nullptr;
+    window->deleteLater();
+}
+
+void TrayMenu::bringToFront(QWidget* window)
+{
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
+void TrayMenu::checkForUpdate(std::shared_ptr<Notifier> notifier)
+{
+    BackgroundJobs::start([notifier = std::move(notifier)] { _checkForUpdate(notifier); });
+}
+
+void TrayMenu::_checkForUpdate(const std::shared_ptr<Notifier>& notifier)
+{
+    const QStringList fields = UpdateCheck::fields(UpdateCheck::fetch(UpdateCheck::checkRequest()));
+    if (fields.size() < 4 || !UpdateCheck::isNewer(fields[0]))
+        return;
+    const QString message = UpdateCheck::availabilityMessage(fields[0], fields[3]);
+    if (notifier)
+        notifier->notify("Update Available", message.toStdString(), "UPDATE");
+}

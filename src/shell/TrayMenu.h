@@ -1,0 +1,76 @@
+#pragma once
+
+#include <memory>
+
+#include <QObject>
+#include <QPointer>
+
+class AboutDialog;
+class App;
+class Notifier;
+class QMenu;
+class QSystemTrayIcon;
+class Settings;
+class SettingsDialog;
+class UpdateDialog;
+
+// The application delegate: at launch it loads the settings, makes the
+// server, starts a silent update check, puts up the tray icon and its menu,
+// then starts the server. The menu opens the settings, update and about
+// windows and quits. GUI thread only, except _checkForUpdate.
+class TrayMenu : public QObject {
+    Q_OBJECT
+
+public:
+    // The notifier defaults to the desktop's notification service.
+    explicit TrayMenu(std::shared_ptr<Notifier> notifier = nullptr);
+    ~TrayMenu() override;
+
+    // The delegate made at launch; null before.
+    static TrayMenu* sharedTrayMenu();
+
+    void applicationDidFinishLaunching();
+
+    QMenu* menu() const { return _menu.get(); }
+    QSystemTrayIcon* statusItem() const { return _statusItem.get(); }
+    SettingsDialog* settingsWindow() const { return m_settingsWindow.get(); }
+    UpdateDialog* updateWindow() const;
+    AboutDialog* aboutWindow() const { return m_aboutWindow.get(); }
+    std::shared_ptr<App> app() const { return _app; }
+
+    // The update window is closing: the next "Check For Update" builds a
+    // new one and checks again.
+    void updateWindowWillClose(UpdateDialog* window);
+
+    // Any thread: starts the silent check on a thread of its own.
+    static void checkForUpdate(std::shared_ptr<Notifier> notifier);
+    // Worker thread: posts "UPDATE" through the notifier when a newer
+    // version is offered; silent on everything else.
+    static void _checkForUpdate(const std::shared_ptr<Notifier>& notifier);
+    // Stops the server for good or for a restart; any thread but a session's.
+    static void stopServer(App* app);
+
+public slots:
+    void openSettings();
+    void openCheckForUpdate();
+    void runAbout();
+    void actionQuit();
+
+private:
+    void _openCheckForUpdate();
+    void _generateMenu();
+    void _genMainMenu();
+    void showStatusItem();
+    static void bringToFront(QWidget* window);
+
+    std::shared_ptr<Notifier> m_notifier;
+    std::shared_ptr<Settings> _settings;
+    std::shared_ptr<App> _app;
+    // Declared first so that it outlives the tray icon it belongs to.
+    std::unique_ptr<QMenu> _menu;
+    std::unique_ptr<QSystemTrayIcon> _statusItem;
+    std::unique_ptr<SettingsDialog> m_settingsWindow;
+    // Owned by Qt: deleted after it closes.
+    QPointer<UpdateDialog> m_updateWindow;
+    std::unique_ptr<AboutDialog> m_aboutWindow;
+};

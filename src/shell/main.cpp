@@ -1,0 +1,95 @@
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <QApplication>
+#include <QDir>
+#include <QLibraryInfo>
+#include <QLocale>
+#include <QTimer>
+#include <QTranslator>
+
+#include "app/SystemLog.h"
+#include "shell/TrayIcon.h"
+#include "shell/TrayMenu.h"
+
+namespace {
+
+const char* const kUsage =
+    "Usage: ZandrelSync [--log-stderr]\n"
+    "The Zandrel Sync server as a tray application.\n"
+    "\n"
+    "  --log-stderr  write the log lines to standard error instead of the system log\n"
+    "  --help        show this text and exit\n"
+    "  --version     show the version and exit\n";
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+        || !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
+}
+
+void loadTranslations(QApplication& app)
+{
+    // Our own catalogue sits beside the program or in its share folder.
+    auto* ours = new QTranslator(&app);
+    const QString appDir = QCoreApplication::applicationDirPath();
+    for (const QString& dir : {appDir + QStringLiteral("/translations"),
+                               appDir + QStringLiteral("/../share/zandrelsync/translations")}) {
+        if (ours->load(QLocale(), QStringLiteral("ZandrelSync"), QStringLiteral("_"), dir)) {
+            QCoreApplication::installTranslator(ours);
+            break;
+        }
+    }
+    auto* qt = new QTranslator(&app);
+    if (qt->load(QLocale(), QStringLiteral("qtbase"), QStringLiteral("_"),
+                 QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
+        QCoreApplication::installTranslator(qt);
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    // Answered before Qt starts, so they work without a display.
+    bool logToStderr = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return EXIT_SUCCESS;
+        }
+        if (arg == "--version") {
+            std::printf("ZandrelSync %s\n", ZANDREL_VERSION);
+            return EXIT_SUCCESS;
+        }
+        if (arg == "--log-stderr") {
+            logToStderr = true;
+            continue;
+        }
+        std::fprintf(stderr, "ZandrelSync: unknown option %s\n%s", arg.c_str(), kUsage);
+        return 2;
+    }
+    if (!hasDisplay()) {
+        std::fputs("ZandrelSync: no display (DISPLAY and WAYLAND_DISPLAY are unset); "
+                   "zandrel-syncd runs the same server without a window\n",
+                   stderr);
+        return EXIT_FAILURE;
+    }
+    if (logToStderr)
+        SystemLog::setSink(std::make_shared<StderrSink>());
+
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("ZandrelSync"));
+    QApplication::setApplicationVersion(QStringLiteral(ZANDREL_VERSION));
+    QApplication::setDesktopFileName(QStringLiteral("ZandrelSync"));
+    QApplication::setWindowIcon(TrayIcon::icon());
+    // A tray application: closing its last window does not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+    loadTranslations(app);
+
+    TrayMenu trayMenu;
+    QTimer::singleShot(0, &trayMenu, &TrayMenu::applicationDidFinishLaunching);
+    return QApplication::exec();
+}

@@ -1,0 +1,160 @@
+// zandrel-syncd as a person runs it: a fresh $HOME gets the default settings
+// file, the start line names the port and the file, log lines go to standard
+// error with --log-stderr, and SIGTERM ends it cleanly.
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "client/SyncClient.h"
+#include "wire/BitHelper.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+// The daemon as a child process with its standard output and error piped.
+class Daemon {
+public:
+    explicit Daemon(std::vector<std::string> args)
+    {
+        int out[2], err[2];
+        if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe");
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(out[1], 1);
+            ::dup2(err[1], 2);
+            std::vector<char*> argv{const_cast<char*>(ZANDREL_SYNCD)};
+            for (auto& a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            ::execv(ZANDREL_SYNCD, argv.data());
+            ::_exit(127);
+        }
+        ::close(out[1]);
+        ::close(err[1]);
+        m_out = out[0];
+        m_err = err[0];
+    }
+    ~Daemon()
+    {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        ::close(m_out);
+        ::close(m_err);
+    }
+    // Reads from `fd` until `text` has appeared or the time is up.
+    static std::string readUntil(int fd, const std::string& text, std::string& buffer, std::chrono::milliseconds limit)
+    {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (buffer.find(text) == std::string::npos) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0)
+                break;
+            pollfd p{fd, POLLIN, 0};
+            if (::poll(&p, 1, static_cast<int>(left.count())) <= 0)
+                continue;
+            char chunk[4096];
+            auto n = ::read(fd, chunk, sizeof chunk);
+            if (n <= 0)
+                break;
+            buffer.append(chunk, static_cast<std::size_t>(n));
+        }
+        return buffer;
+    }
+    std::string& outText() { return m_outText; }
+    std::string& errText() { return m_errText; }
+    int out() const { return m_out; }
+    int err() const { return m_err; }
+    int terminate()
+    {
+        ::kill(m_pid, SIGTERM);
+        return exitCode();
+    }
+    int exitCode()
+    {
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_out = -1, m_err = -1;
+    std::string m_outText, m_errText;
+};
+
+std::uint16_t portFrom(const std::string& startLine)
+{
+    auto at = startLine.find("port ");
+    return at == std::string::npos ? 0 : static_cast<std::uint16_t>(std::stoi(startLine.substr(at + 5)));
+}
+
+} // namespace
+
+TEST(Daemon, FreshHomeGetsDefaultsAndTheServerAnswers)
+{
+    TempHome home;
+    // Port 0 is out of range: the system chooses, so tests never collide.
+    home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
+        R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+        R"(<key>port</key><integer>0</integer><key>trace</key><true/></dict></plist>)");
+    Daemon d({"--log-stderr", "--no-discovery"});
+    auto out = Daemon::readUntil(d.out(), "\n", d.outText(), 10s);
+    auto port = portFrom(out);
+    ASSERT_NE(port, 0) << out;
+    EXPECT_NE(out.find((home.path() / "Library/Preferences/com.orvantics.ZandrelSync.plist").string()), std::string::npos);
+
+    SyncClient c;
+    c.connect("127.0.0.1", port);
+    c.sendCommandWithPassword(17, SyncClient::hashPassword("Sesamely"));
+    EXPECT_EQ(c.readExact(19).back(), 1);
+    c.close();
+
+    auto err = Daemon::readUntil(d.err(), "Connection closed.\n", d.errText(), 10s);
+    EXPECT_NE(err.find("Server started on port " + std::to_string(port) + "\n"), std::string::npos);
+    EXPECT_NE(err.find("\nAdded connection.\nCommand: 17, Len = 40\n"), std::string::npos) << err;
+    EXPECT_NE(err.find("\nAuthenticated.\nStarting sync.\nConnection closed.\n"), std::string::npos) << err;
+    EXPECT_EQ(d.terminate(), 0);
+    Daemon::readUntil(d.err(), "Stopped Echo server\n", d.errText(), 5s);
+    EXPECT_NE(d.errText().find("Stopped Echo server\n"), std::string::npos);
+}
+
+TEST(Daemon, WritesTheDefaultSettingsFile)
+{
+    TempHome home;
+    Daemon d({"--no-discovery"});
+    auto out = Daemon::readUntil(d.out(), "\n", d.outText(), 10s);
+    auto file = home.path() / "Library/Preferences/com.orvantics.ZandrelSync.plist";
+    ASSERT_TRUE(fs::exists(file)) << out;
+    auto text = readFile(file);
+    for (auto key : {"basePath", "hashword", "lastIP", "port", "toast", "startOnLogin", "trace", "verbose"})
+        EXPECT_NE(text.find(std::string("<key>") + key + "</key>"), std::string::npos) << key;
+    EXPECT_EQ(text.find("<key>password</key>"), std::string::npos);
+    // Trace is off by default, so nothing was logged; the daemon never
+    // touches login items.
+    EXPECT_FALSE(fs::exists(home.path() / ".config/autostart/ZandrelSync.desktop"));
+    d.terminate();
+}
+
+TEST(Daemon, BadFlagSaysWhatToDo)
+{
+    Daemon d({"--frobnicate"});
+    auto err = Daemon::readUntil(d.err(), "--help", d.errText(), 5s);
+    EXPECT_NE(err.find("unknown option '--frobnicate'"), std::string::npos);
+    EXPECT_EQ(d.exitCode(), 2);
+}

@@ -1,0 +1,216 @@
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTcpSocket>
+#include <QTest>
+#include <QTextEdit>
+#include <gtest/gtest.h>
+
+#include "ShellTestSupport.h"
+#include "support/TestSupport.h"
+#include "app/App.h"
+#include "app/UIBridge.h"
+#include "settings/Settings.h"
+#include "shell/BackgroundJobs.h"
+#include "shell/SettingsDialog.h"
+#include "shell/TrayMenu.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class SettingsDialogTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_settings = std::make_shared<Settings>();
+        m_settings->setPort(freePort());
+        m_app = std::make_shared<App>(m_settings);
+        m_app->setDiscoveryEnabled(false);
+        m_app->start();
+        ASSERT_TRUE(m_app->waitUntilRunning(std::chrono::seconds(5)).has_value());
+        m_dialog = std::make_unique<SettingsDialog>();
+        m_app->addSettingsDialog(m_dialog->progressView());
+        m_dialog->show();
+        m_dialog->addApp(m_app, nullptr);
+    }
+
+    void TearDown() override
+    {
+        BackgroundJobs::stopAll();
+        m_dialog.reset();
+        TrayMenu::stopServer(m_app.get());
+        m_app.reset();
+    }
+
+    template <class T>
+    T* control(const char* name) const
+    {
+        T* widget = m_dialog->findChild<T*>(name);
+        EXPECT_NE(widget, nullptr) << name;
+        return widget;
+    }
+    QLineEdit* port() const { return control<QLineEdit>("portField"); }
+    QLineEdit* password() const { return control<QLineEdit>("passwordField"); }
+    QPushButton* saveButton() const { return control<QPushButton>("saveButton"); }
+
+    // Replaces a field's text the way a person does, key by key.
+    static void type(QLineEdit* field, const QString& text)
+    {
+        field->selectAll();
+        QTest::keyClick(field, Qt::Key_Backspace);
+        QTest::keyClicks(field, text);
+    }
+
+    // Presses Save and waits for the window to close.
+    void save()
+    {
+        QTest::mouseClick(saveButton(), Qt::LeftButton);
+        ASSERT_TRUE(waitUntil([&] { return !m_dialog->isVisible(); }, std::chrono::seconds(10)));
+    }
+
+    TempHome m_home;
+    CapturedLog m_log;
+    std::shared_ptr<Settings> m_settings;
+    std::shared_ptr<App> m_app;
+    std::unique_ptr<SettingsDialog> m_dialog;
+};
+
+TEST_F(SettingsDialogTest, PortFieldKeepsOnlyDigits)
+{
+    type(port(), "35a0b0");
+    EXPECT_EQ(port()->text(), "3500");
+    QTest::keyClicks(port(), "0");
+    EXPECT_EQ(port()->text(), "35000");
+    port()->setCursorPosition(1);
+    QTest::keyClicks(port(), "x");
+    EXPECT_EQ(port()->text(), "35000");
+    EXPECT_EQ(port()->cursorPosition(), 1);
+}
+
+TEST_F(SettingsDialogTest, SaveNeedsAPasswordAndAPortFrom1024To65535AfterAnEdit)
+{
+    EXPECT_TRUE(saveButton()->isEnabled()) << "before any edit, even with an empty password";
+    type(password(), "secret");
+    for (const char* text : {"1023", "65536", "0", "99999999999"}) {
+        type(port(), text);
+        EXPECT_FALSE(saveButton()->isEnabled()) << text;
+    }
+    for (const char* text : {"1024", "65535"}) {
+        type(port(), text);
+        EXPECT_TRUE(saveButton()->isEnabled()) << text;
+    }
+    type(password(), "");
+    EXPECT_FALSE(saveButton()->isEnabled());
+}
+
+TEST_F(SettingsDialogTest, SaveRestartsTheServerOnTheNewPortAndWritesTheFile)
+{
+    const std::uint16_t newPort = freePort();
+    type(password(), "secret");
+    type(port(), QString::number(newPort));
+    save();
+
+    EXPECT_EQ(saveButton()->text(), "Saving...");
+    EXPECT_FALSE(saveButton()->isEnabled());
+    EXPECT_FALSE(control<QPushButton>("cancelButton")->isEnabled());
+    ASSERT_EQ(m_app->waitUntilRunning(std::chrono::seconds(5)), newPort);
+    QTcpSocket client;
+    client.connectToHost(QHostAddress::LocalHost, newPort);
+    EXPECT_TRUE(client.waitForConnected(5000));
+
+    Settings stored(Settings::NoLoginItems{});
+    EXPECT_EQ(stored.getPort(), newPort);
+    EXPECT_EQ(stored.getHashedPassword(), Settings::hashPasswordWithSalt("secret"));
+
+    m_dialog->_updateForm();
+    EXPECT_EQ(saveButton()->text(), "Save");
+    EXPECT_TRUE(saveButton()->isEnabled());
+}
+
+TEST_F(SettingsDialogTest, EmptyPasswordKeepsTheStoredHash)
+{
+    const std::string before = m_settings->getHashedPassword();
+    save();
+    EXPECT_EQ(m_settings->getHashedPassword(), before);
+    EXPECT_EQ(Settings(Settings::NoLoginItems{}).getHashedPassword(), before);
+}
+
+TEST_F(SettingsDialogTest, UntickingStartAtLoginRemovesTheLoginItemOnSave)
+{
+    const fs::path entry = Settings::autostartEntryPath();
+    ASSERT_TRUE(fs::exists(entry));
+    control<QCheckBox>("startOnLoginCheckbox")->setChecked(false);
+    EXPECT_TRUE(fs::exists(entry)) << "nothing changes before Save";
+    save();
+    EXPECT_FALSE(fs::exists(entry));
+    EXPECT_FALSE(Settings(Settings::NoLoginItems{}).getStartOnLogin());
+}
+
+TEST_F(SettingsDialogTest, ProgressArrivesFromAnyThreadAndTheLogViewStaysEmpty)
+{
+    std::thread session([view = m_app->settingsDialog()] { view->setProgress(42); });
+    session.join();
+    auto* bar = control<QProgressBar>("progressBar");
+    EXPECT_TRUE(waitUntil([&] { return bar->value() == 42; }));
+    m_app->uiBridge()->setProgress(3, 4);
+    EXPECT_TRUE(waitUntil([&] { return bar->value() == 75; }));
+
+    m_dialog->logError("error line");
+    m_dialog->logInfo("info line");
+    m_dialog->logMessage("message line");
+    save();
+    EXPECT_TRUE(control<QTextEdit>("logView")->toPlainText().isEmpty());
+}
+
+// The addresses of this machine, two of them added to lo when the test owns
+// its network namespace.
+class TwoAddressesTest : public SettingsDialogTest {
+protected:
+    void SetUp() override
+    {
+        if (ownsNetworkNamespace()) {
+            for (const char* address : kAddresses)
+                std::system((std::string("ip addr add ") + address + "/32 dev lo").c_str());
+            m_added = true;
+        }
+        SettingsDialogTest::SetUp();
+    }
+
+    void TearDown() override
+    {
+        SettingsDialogTest::TearDown();
+        if (m_added)
+            for (const char* address : kAddresses)
+                std::system((std::string("ip addr del ") + address + "/32 dev lo").c_str());
+    }
+
+    static constexpr const char* kAddresses[] = {"10.77.9.1", "10.77.9.2"};
+    bool m_added = false;
+};
+
+TEST_F(TwoAddressesTest, ChosenAddressBecomesTheLastIPAndIsListedFirstNextTime)
+{
+    auto* popup = control<QComboBox>("addressesPopup");
+    if (popup->count() < 2)
+        GTEST_SKIP() << "needs two IPv4 addresses: run inside a private network namespace";
+    EXPECT_EQ(popup->currentIndex(), 0);
+    const QString second = popup->itemText(1);
+    popup->setCurrentIndex(1);
+    save();
+    EXPECT_EQ(m_settings->getLastIP(), second.toStdString());
+    EXPECT_EQ(Settings(Settings::NoLoginItems{}).getLastIP(), second.toStdString());
+
+    m_dialog->_updateForm();
+    EXPECT_EQ(popup->itemText(0), second);
+    EXPECT_EQ(popup->currentIndex(), 0);
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+// Renders what a person sees of the tray application to PNG files: the
+// settings window, the open tray menu and the about window. Run under a
+// virtual X server by screenshots.sh; the update check points at a closed
+// local port, so nothing leaves the machine.
+
+#include <cstdio>
+#include <memory>
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QMenu>
+#include <QTcpServer>
+#include <QTimer>
+
+#include "app/UIBridge.h"
+#include "shell/AboutDialog.h"
+#include "shell/SettingsDialog.h"
+#include "shell/TrayIcon.h"
+#include "shell/TrayMenu.h"
+#include "shell/UpdateCheck.h"
+
+namespace {
+
+class SilentNotifier : public Notifier {
+public:
+    void notify(const std::string&, const std::string&, const std::string&) override {}
+};
+
+constexpr int kSettleMs = 600;
+
+bool save(QWidget* widget, const QString& path)
+{
+    const bool ok = widget->grab().save(path);
+    std::printf("%s %s\n", ok ? "wrote" : "could not write", qPrintable(path));
+    return ok;
+}
+
+QString closedLocalURL()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return QStringLiteral("http://127.0.0.1:%1/CurrentZandrelMac.txt").arg(probe.serverPort());
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    QApplication::setWindowIcon(TrayIcon::icon());
+    const QString out = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("screenshots");
+    QDir().mkpath(out);
+    UpdateCheck::setUpdateInfoURL(closedLocalURL());
+
+    TrayMenu tray(std::make_shared<SilentNotifier>());
+    tray.applicationDidFinishLaunching();
+    tray.openSettings();
+
+    int failures = 0;
+    QTimer::singleShot(kSettleMs, [&] {
+        failures += !save(tray.settingsWindow(), out + "/settings.png");
+        tray.settingsWindow()->hide();
+        tray.menu()->popup(QPoint(60, 40));
+        tray.menu()->setActiveAction(tray.menu()->actions().front());
+    });
+    QTimer::singleShot(2 * kSettleMs, [&] {
+        failures += !save(tray.menu(), out + "/tray-menu.png");
+        tray.menu()->hide();
+        tray.runAbout();
+    });
+    QTimer::singleShot(3 * kSettleMs, [&] {
+        failures += !save(tray.aboutWindow(), out + "/about.png");
+        QCoreApplication::exit(failures == 0 ? 0 : 1);
+    });
+    return QApplication::exec();
+}

@@ -1,0 +1,66 @@
+// The shell's tests run on Qt's offscreen platform, in a network namespace
+// of their own when the process may make one, so nothing they start (the
+// server, its announcements, the update checks) can reach a real network.
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <QApplication>
+#include <gtest/gtest.h>
+
+#include "ShellTestSupport.h"
+
+namespace {
+
+bool writeFile(const char* path, const std::string& text)
+{
+    std::ofstream file(path);
+    file << text;
+    return static_cast<bool>(file.flush());
+}
+
+// Must run while the process has a single thread.
+bool enterPrivateNetwork()
+{
+    if (::unshare(CLONE_NEWNET) != 0) {
+        const uid_t uid = ::getuid();
+        const gid_t gid = ::getgid();
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
+            return false;
+        writeFile("/proc/self/setgroups", "deny");
+        writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+        writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    }
+    return std::system("ip link set lo up && ip route add 224.0.0.0/4 dev lo") == 0;
+}
+
+bool listingOnly(int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i)
+        if (std::string(argv[i]) == "--gtest_list_tests")
+            return true;
+    return false;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    qputenv("QT_QPA_PLATFORM", ZANDREL_TEST_QPA_PLATFORM);
+    if (!listingOnly(argc, argv)) {
+        const bool isolated = enterPrivateNetwork();
+        setOwnsNetworkNamespace(isolated);
+        if (!isolated)
+            std::fprintf(stderr, "shell tests: no private network namespace could be made; "
+                                 "run them inside `unshare -rn` (tests that change addresses skip)\n");
+    }
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,101 @@
+#include "ShellTestSupport.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QTcpSocket>
+#include <QTest>
+#include <QUrl>
+
+namespace {
+
+bool g_ownsNamespace = false;
+
+} // namespace
+
+bool ownsNetworkNamespace()
+{
+    return g_ownsNamespace;
+}
+
+void setOwnsNetworkNamespace(bool owns)
+{
+    g_ownsNamespace = owns;
+}
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    return QTest::qWaitFor(condition, static_cast<int>(timeout.count()));
+}
+
+std::uint16_t freePort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
+
+LocalHttpServer::LocalHttpServer()
+{
+    m_server.listen(QHostAddress::LocalHost, 0);
+    QObject::connect(&m_server, &QTcpServer::newConnection, &m_server, [this] {
+        while (QTcpSocket* socket = m_server.nextPendingConnection()) {
+            QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { answer(socket); });
+            QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        }
+    });
+}
+
+QString LocalHttpServer::root() const
+{
+    return QStringLiteral("http://127.0.0.1:%1").arg(m_server.serverPort());
+}
+
+QString LocalHttpServer::url(const QString& path) const
+{
+    return root() + path;
+}
+
+void LocalHttpServer::serve(const QString& path, const QByteArray& body)
+{
+    m_bodies[path] = body;
+}
+
+int LocalHttpServer::hits(const QString& path) const
+{
+    int count = 0;
+    for (const QByteArray& head : m_requests) {
+        const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
+        count += requestLine.size() > 1 && QUrl::fromPercentEncoding(requestLine[1]) == path ? 1 : 0;
+    }
+    return count;
+}
+
+void LocalHttpServer::answer(QTcpSocket* socket)
+{
+    QByteArray head = socket->property("head").toByteArray() + socket->readAll();
+    socket->setProperty("head", head);
+    if (!head.contains("\r\n\r\n"))
+        return;
+    m_requests.push_back(head);
+    const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
+    const QString path = requestLine.size() > 1 ? QUrl::fromPercentEncoding(requestLine[1]) : QString();
+    const bool found = m_bodies.contains(path);
+    const QByteArray body = found ? m_bodies.value(path) : QByteArray("Not Found");
+    QByteArray reply = found ? "HTTP/1.1 200 OK\r\n" : "HTTP/1.1 404 Not Found\r\n";
+    reply += "Content-Type: application/octet-stream\r\nContent-Length: " + QByteArray::number(body.size())
+        + "\r\nConnection: close\r\n\r\n" + body;
+    socket->write(reply);
+    socket->disconnectFromHost();
+}
+
+void RecordingNotifier::notify(const std::string& title, const std::string& description, const std::string& name)
+{
+    std::lock_guard lock(m_mutex);
+    m_notices.push_back({title, description, name});
+}
+
+std::vector<RecordingNotifier::Notice> RecordingNotifier::notices() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_notices;
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+#include <QTcpServer>
+
+#include "app/UIBridge.h"
+
+// Set by the test main when it made the process a network namespace of its
+// own; only then may a test change that namespace's addresses.
+bool ownsNetworkNamespace();
+void setOwnsNetworkNamespace(bool owns);
+
+// Runs the event loop until the condition holds or the time runs out.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+// A port on 127.0.0.1 that nothing listens on at the moment of asking.
+std::uint16_t freePort();
+
+// A tiny HTTP/1.1 server on 127.0.0.1 serving fixed bodies by path; lives on
+// the GUI thread, which must turn its event loop for it to answer.
+class LocalHttpServer {
+public:
+    LocalHttpServer();
+
+    QString url(const QString& path) const;
+    QString root() const;
+    void serve(const QString& path, const QByteArray& body);
+    // Request heads as received, in order.
+    const std::vector<QByteArray>& requests() const { return m_requests; }
+    int hits(const QString& path) const;
+
+private:
+    void answer(class QTcpSocket* socket);
+
+    QTcpServer m_server;
+    QMap<QString, QByteArray> m_bodies;
+    std::vector<QByteArray> m_requests;
+};
+
+// Records what would have been posted to the desktop; any thread.
+class RecordingNotifier : public Notifier {
+public:
+    struct Notice {
+        std::string title;
+        std::string description;
+        std::string name;
+    };
+    void notify(const std::string& title, const std::string& description, const std::string& name) override;
+    std::vector<Notice> notices() const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Notice> m_notices;
+};

@@ -1,0 +1,178 @@
+#include <memory>
+#include <thread>
+
+#include <QAction>
+#include <QCoreApplication>
+#include <QLabel>
+#include <QMenu>
+#include <QPointer>
+#include <QSystemTrayIcon>
+#include <gtest/gtest.h>
+
+#include "ShellTestSupport.h"
+#include "support/TestSupport.h"
+#include "app/App.h"
+#include "settings/Settings.h"
+#include "shell/AboutDialog.h"
+#include "shell/BackgroundJobs.h"
+#include "shell/SettingsDialog.h"
+#include "shell/TrayMenu.h"
+#include "shell/UpdateCheck.h"
+#include "shell/UpdateDialog.h"
+
+namespace {
+
+QString unanswered()
+{
+    return QStringLiteral("http://127.0.0.1:%1/CurrentZandrelMac.txt").arg(freePort());
+}
+
+class TrayMenuTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        UpdateCheck::setUpdateInfoURL(unanswered());
+        Settings settings(Settings::NoLoginItems{});
+        settings.setPort(freePort());
+        settings.writePreferences();
+        m_tray = std::make_unique<TrayMenu>(m_notifier);
+        m_tray->applicationDidFinishLaunching();
+    }
+
+    void TearDown() override { m_tray.reset(); }
+
+    TempHome m_home;
+    CapturedLog m_log;
+    std::shared_ptr<RecordingNotifier> m_notifier = std::make_shared<RecordingNotifier>();
+    std::unique_ptr<TrayMenu> m_tray;
+};
+
+TEST_F(TrayMenuTest, MenuHasFourEntriesAndASeparatorWithTheToolTipOnQuitOnly)
+{
+    const QList<QAction*> actions = m_tray->menu()->actions();
+    ASSERT_EQ(actions.size(), 5);
+    EXPECT_EQ(actions[0]->text(), "Open Settings");
+    EXPECT_EQ(actions[1]->text(), "Check For Update");
+    EXPECT_EQ(actions[2]->text(), "About");
+    EXPECT_TRUE(actions[3]->isSeparator());
+    EXPECT_EQ(actions[4]->text(), "Quit");
+    EXPECT_EQ(actions[4]->toolTip(), "Click to Quit this App");
+    // Without a tool tip of its own an action reports its text.
+    for (int i : {0, 1, 2})
+        EXPECT_EQ(actions[i]->toolTip(), actions[i]->text());
+    for (QAction* action : actions)
+        EXPECT_TRUE(action->shortcut().isEmpty());
+    EXPECT_TRUE(m_tray->menu()->toolTipsVisible());
+    EXPECT_EQ(m_tray->statusItem()->toolTip(), "Zandrel Sync");
+    EXPECT_EQ(m_tray->statusItem()->contextMenu(), m_tray->menu());
+}
+
+TEST_F(TrayMenuTest, LaunchStartsTheServerAndWithoutATrayShowsTheSettings)
+{
+    ASSERT_TRUE(m_tray->app()->waitUntilRunning(std::chrono::seconds(5)).value_or(0) > 0);
+    if (QSystemTrayIcon::isSystemTrayAvailable())
+        GTEST_SKIP() << "this platform has a system tray";
+    ASSERT_NE(m_tray->settingsWindow(), nullptr);
+    EXPECT_TRUE(m_tray->settingsWindow()->isVisible());
+    EXPECT_TRUE(m_log.contains("No system tray available; showing the settings window instead"));
+}
+
+TEST_F(TrayMenuTest, OpenSettingsTwiceMakesOneDialog)
+{
+    m_tray->openSettings();
+    SettingsDialog* first = m_tray->settingsWindow();
+    ASSERT_NE(first, nullptr);
+    first->hide();
+    m_tray->openSettings();
+    EXPECT_EQ(m_tray->settingsWindow(), first);
+    EXPECT_TRUE(first->isVisible());
+    EXPECT_EQ(m_tray->app()->settingsDialog() != nullptr, true);
+}
+
+TEST_F(TrayMenuTest, UpdateWindowIsReshownWhileOpenAndRebuiltAfterClosing)
+{
+    m_tray->openCheckForUpdate();
+    ASSERT_TRUE(waitUntil([&] { return m_tray->updateWindow() != nullptr; }));
+    QPointer<UpdateDialog> first = m_tray->updateWindow();
+    ASSERT_TRUE(waitUntil([&] { return first->statusMessage() == "Retrieval Error"; }));
+
+    m_tray->openCheckForUpdate();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(m_tray->updateWindow(), first.data());
+
+    first->reject();
+    EXPECT_EQ(m_tray->updateWindow(), nullptr);
+    ASSERT_TRUE(waitUntil([&] { return first.isNull(); }));
+
+    m_tray->openCheckForUpdate();
+    ASSERT_TRUE(waitUntil([&] { return m_tray->updateWindow() != nullptr; }));
+    UpdateDialog* second = m_tray->updateWindow();
+    EXPECT_NE(second->statusMessage(), "Retrieval Error") << "a new window starts its own check";
+    EXPECT_TRUE(waitUntil([&] { return second->statusMessage() == "Retrieval Error"; }));
+}
+
+TEST_F(TrayMenuTest, AboutShowsTheVersionAndIsLoadedOnce)
+{
+    m_tray->runAbout();
+    AboutDialog* about = m_tray->aboutWindow();
+    ASSERT_NE(about, nullptr);
+    auto* version = about->findChild<QLabel*>("versionLabel");
+    EXPECT_EQ(version->text(), "Zandrel Sync Version: 1.5.0");
+    EXPECT_FALSE(about->findChild<QLabel*>("copyrightLabel")->text().isEmpty());
+
+    about->close();
+    version->setText("not rebuilt");
+    m_tray->runAbout();
+    EXPECT_EQ(m_tray->aboutWindow(), about);
+    EXPECT_TRUE(about->isVisible());
+    EXPECT_EQ(version->text(), "not rebuilt");
+}
+
+// The silent check at launch, driven directly against a local server.
+class BackgroundCheckTest : public ::testing::Test {
+protected:
+    void TearDown() override { BackgroundJobs::stopAll(); }
+
+    // Runs one check on a worker thread and waits for it to end.
+    std::vector<RecordingNotifier::Notice> check(const QByteArray& body)
+    {
+        m_server.serve("/CurrentZandrelMac.txt", body);
+        UpdateCheck::setUpdateInfoURL(m_server.url("/CurrentZandrelMac.txt"));
+        return run();
+    }
+
+    std::vector<RecordingNotifier::Notice> run()
+    {
+        auto notifier = std::make_shared<RecordingNotifier>();
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        BackgroundJobs::start([notifier, done] {
+            TrayMenu::_checkForUpdate(notifier);
+            done->store(true);
+        });
+        EXPECT_TRUE(waitUntil([&] { return done->load(); }));
+        return notifier->notices();
+    }
+
+    LocalHttpServer m_server;
+};
+
+TEST_F(BackgroundCheckTest, NewerVersionPostsTheUpdateNotice)
+{
+    const auto notices = check("1.5.1%0123456789abcdef0123456789abcdef%http://127.0.0.1/p.pkg%Fixes%");
+    ASSERT_EQ(notices.size(), 1u);
+    EXPECT_EQ(notices[0].name, "UPDATE");
+    EXPECT_EQ(notices[0].title, "Update Available");
+    EXPECT_EQ(notices[0].description, "Zandrel Sync Ver. 1.5.1 is available now\r\rChangeLog:\rFixes");
+    EXPECT_TRUE(m_server.requests().front().toLower().contains("\r\npragma: no-cache\r\n"));
+}
+
+TEST_F(BackgroundCheckTest, SilentOnEverythingElse)
+{
+    EXPECT_TRUE(check("1.6%d%http://127.0.0.1/p.pkg%Fixes").empty()) << "two parts convert to 0";
+    EXPECT_TRUE(check("1.5.0%d%http://127.0.0.1/p.pkg%Fixes").empty()) << "equal versions";
+    EXPECT_TRUE(check("1.5.1%d%http://127.0.0.1/p.pkg").empty()) << "three fields";
+    UpdateCheck::setUpdateInfoURL(unanswered());
+    EXPECT_TRUE(run().empty()) << "no answer";
+}
+
+} // namespace
