@@ -1,10 +1,12 @@
 #include "client/SyncClient.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -16,8 +18,49 @@
 #include "wire/Digest.h"
 
 namespace {
+
 constexpr const char* kSalt = "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE";
+// A length from the wire is never trusted for one allocation: buffers grow
+// by this much as the bytes actually arrive.
+constexpr std::size_t kReadPiece = 1024 * 1024;
+constexpr std::size_t kReadAhead = 64 * 1024;
+
+in_addr resolve(const std::string& host, std::uint16_t port)
+{
+    in_addr address{};
+    if (::inet_pton(AF_INET, host.c_str(), &address) == 1)
+        return address;
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    int r = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+    if (r != 0 || !found)
+        throw ConnectError(host, port, std::string("cannot resolve the host name: ") + ::gai_strerror(r));
+    address = reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr;
+    ::freeaddrinfo(found);
+    return address;
 }
+
+// Waits for a non-blocking connect; returns 0 or the errno it ended with.
+int finishConnect(int fd, std::chrono::milliseconds timeout)
+{
+    pollfd p{fd, POLLOUT, 0};
+    int r;
+    do
+        r = ::poll(&p, 1, static_cast<int>(timeout.count()));
+    while (r < 0 && errno == EINTR);
+    if (r == 0)
+        return ETIMEDOUT;
+    if (r < 0)
+        return errno;
+    int err = 0;
+    socklen_t len = sizeof err;
+    ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
+    return err;
+}
+
+} // namespace
 
 SyncClient::~SyncClient()
 {
@@ -30,32 +73,26 @@ void SyncClient::connect(const std::string& host, std::uint16_t port, std::chron
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(port);
-    if (::inet_pton(AF_INET, host.c_str(), &addr.sin_addr) != 1)
-        throw Error("not an IPv4 address: " + host);
+    addr.sin_addr = resolve(host, port);
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
-        throw Error(std::string("socket: ") + std::strerror(errno));
-    int r = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    if (r < 0 && errno == EINPROGRESS) {
-        pollfd p{fd, POLLOUT, 0};
-        if (::poll(&p, 1, static_cast<int>(timeout.count())) == 1) {
-            int err = 0;
-            socklen_t len = sizeof err;
-            ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
-            errno = err;
-            r = err == 0 ? 0 : -1;
-        } else {
-            errno = ETIMEDOUT;
-        }
-    }
-    if (r < 0) {
-        int e = errno;
+        throw ConnectError(host, port, std::strerror(errno));
+    int err = 0;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0)
+        err = errno == EINPROGRESS ? finishConnect(fd, timeout) : errno;
+    if (err != 0) {
         ::close(fd);
-        throw Error("cannot connect to " + host + ":" + std::to_string(port) + ": " + std::strerror(e));
+        throw ConnectError(host, port, std::strerror(err));
     }
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     int one = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    m_fd = fd;
+}
+
+void SyncClient::adopt(int fd)
+{
+    close();
     m_fd = fd;
 }
 
@@ -64,6 +101,8 @@ void SyncClient::close()
     if (m_fd >= 0)
         ::close(m_fd);
     m_fd = -1;
+    m_pending.clear();
+    m_pendingAt = 0;
 }
 
 void SyncClient::shutdownSend()
@@ -79,15 +118,20 @@ std::string SyncClient::hashPassword(const std::string& plain)
 
 void SyncClient::sendRaw(const Bytes& bytes)
 {
+    sendRaw(bytes.data(), bytes.size());
+}
+
+void SyncClient::sendRaw(const std::uint8_t* data, std::size_t length)
+{
     if (m_fd < 0)
         throw Error("not connected");
     std::size_t sent = 0;
-    while (sent < bytes.size()) {
-        ssize_t n = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    while (sent < length) {
+        ssize_t n = ::send(m_fd, data + sent, length - sent, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            throw Error(std::string("send: ") + std::strerror(errno));
+            throw Error(std::string("cannot send to the server: ") + std::strerror(errno));
         sent += static_cast<std::size_t>(n);
     }
 }
@@ -107,45 +151,110 @@ void SyncClient::sendCommand(std::uint8_t code, const Bytes& fields)
     sendCommandWithPassword(code, m_hash, fields);
 }
 
-Bytes SyncClient::readExact(std::size_t length)
+std::size_t SyncClient::receive(std::uint8_t* destination, std::size_t capacity)
 {
-    Bytes out(length);
-    std::size_t got = 0;
-    while (got < length) {
+    if (m_fd < 0)
+        throw Error("not connected");
+    for (;;) {
         pollfd p{m_fd, POLLIN, 0};
         int r = ::poll(&p, 1, static_cast<int>(m_timeout.count()));
         if (r == 0)
             throw Error("timed out waiting for the server");
         if (r < 0 && errno == EINTR)
             continue;
-        ssize_t n = ::recv(m_fd, out.data() + got, length - got, 0);
+        ssize_t n = ::recv(m_fd, destination, capacity, 0);
         if (n < 0 && errno == EINTR)
             continue;
+        if (n < 0)
+            throw Error(std::string("cannot read from the server: ") + std::strerror(errno));
+        return static_cast<std::size_t>(n);
+    }
+}
+
+std::size_t SyncClient::readSome(std::uint8_t* destination, std::size_t capacity)
+{
+    if (capacity == 0)
+        return 0;
+    if (m_pendingAt == m_pending.size() && m_readAhead && capacity < kReadAhead) {
+        m_pending.resize(kReadAhead);
+        m_pending.resize(receive(m_pending.data(), m_pending.size()));
+        m_pendingAt = 0;
+        if (m_pending.empty())
+            return 0;
+    }
+    if (m_pendingAt < m_pending.size()) {
+        std::size_t n = std::min(capacity, m_pending.size() - m_pendingAt);
+        std::memcpy(destination, m_pending.data() + m_pendingAt, n);
+        m_pendingAt += n;
+        if (m_pendingAt == m_pending.size()) {
+            m_pending.clear();
+            m_pendingAt = 0;
+        }
+        return n;
+    }
+    return receive(destination, capacity);
+}
+
+void SyncClient::readInto(std::uint8_t* destination, std::size_t length)
+{
+    std::size_t got = 0;
+    while (got < length) {
+        std::size_t n = readSome(destination + got, length - got);
         if (n == 0)
             throw Error("the server closed the connection");
-        if (n < 0)
-            throw Error(std::string("recv: ") + std::strerror(errno));
-        got += static_cast<std::size_t>(n);
+        got += n;
+    }
+}
+
+Bytes SyncClient::readExact(std::size_t length)
+{
+    Bytes out;
+    while (out.size() < length) {
+        std::size_t piece = std::min(kReadPiece, length - out.size());
+        std::size_t at = out.size();
+        out.resize(at + piece);
+        readInto(out.data() + at, piece);
     }
     return out;
 }
 
+Bytes SyncClient::peek(std::size_t length)
+{
+    if (m_pendingAt > 0) {
+        m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(m_pendingAt));
+        m_pendingAt = 0;
+    }
+    while (m_pending.size() < length) {
+        std::size_t at = m_pending.size();
+        m_pending.resize(length);
+        std::size_t n = receive(m_pending.data() + at, length - at);
+        m_pending.resize(at + n);
+        if (n == 0)
+            break;
+    }
+    auto first = m_pending.begin();
+    return Bytes(first, first + static_cast<std::ptrdiff_t>(std::min(length, m_pending.size())));
+}
+
 std::int64_t SyncClient::readLong()
 {
-    auto b = readExact(8);
-    return BitConverter::toInt64(b.data());
+    std::uint8_t b[8];
+    readInto(b, sizeof b);
+    return BitConverter::toInt64(b);
 }
 
 bool SyncClient::readBool()
 {
-    return readExact(1)[0] != 0;
+    std::uint8_t b = 0;
+    readInto(&b, 1);
+    return b != 0;
 }
 
-std::string SyncClient::readString()
+std::string SyncClient::readString(std::size_t maxLength)
 {
     auto n = readLong();
-    if (n < 0)
-        throw Error("negative string length");
+    if (n < 0 || static_cast<std::uint64_t>(n) > maxLength)
+        throw ProtocolError("the server sent a string of length " + std::to_string(n));
     auto b = readExact(static_cast<std::size_t>(n));
     return std::string(b.begin(), b.end());
 }
@@ -153,7 +262,8 @@ std::string SyncClient::readString()
 SyncClient::Reply SyncClient::readReply(bool streamed)
 {
     Reply reply;
-    auto head = readExact(2);
+    std::uint8_t head[2];
+    readInto(head, sizeof head);
     reply.code = head[0];
     reply.status = head[1];
     reply.message = readString();
@@ -164,7 +274,7 @@ SyncClient::Reply SyncClient::readReply(bool streamed)
         return reply;
     }
     if (length < 0)
-        throw Error("negative data length");
+        throw ProtocolError("the server sent a negative data length");
     reply.data = readExact(static_cast<std::size_t>(length));
     return reply;
 }

@@ -1,0 +1,446 @@
+#include "client/ProtocolClient.h"
+
+#include <algorithm>
+
+#include "client/RecordDecoder.h"
+#include "wire/BitConverter.h"
+#include "wire/BitHelper.h"
+
+namespace {
+
+// Reasons the server sends are short texts; a longer "message" at the place
+// of a stream element is data that merely looks like an error packet.
+constexpr std::int64_t kMaxErrorMessage = 64 * 1024;
+constexpr std::size_t kDigestLength = 32;
+
+Bytes encodePath(const std::string& path)
+{
+    return BitHelper::encodeString(std::string_view(path));
+}
+
+std::string dataString(const SyncClient::Reply& reply)
+{
+    const Bytes& d = reply.data;
+    if (d.size() < 8 || static_cast<std::uint64_t>(BitConverter::toInt64(d.data())) != d.size() - 8)
+        throw ProtocolError("the reply to command " + std::to_string(reply.code) + " is not one string");
+    return std::string(d.begin() + 8, d.end());
+}
+
+bool dataBool(const SyncClient::Reply& reply)
+{
+    if (reply.data.size() != 1)
+        throw ProtocolError("the reply to command " + std::to_string(reply.code) + " is not one boolean");
+    return reply.data[0] != 0;
+}
+
+std::int64_t dataLong(const SyncClient::Reply& reply)
+{
+    if (reply.data.size() != 8)
+        throw ProtocolError("the reply to command " + std::to_string(reply.code) + " is not one number");
+    return BitConverter::toInt64(reply.data.data());
+}
+
+} // namespace
+
+ProtocolClient::ProtocolClient()
+{
+    m_conn.setReadAhead(true);
+}
+
+void ProtocolClient::connect(const std::string& host, std::uint16_t port, std::chrono::milliseconds timeout)
+{
+    m_passwordVerified = false;
+    m_refused = false;
+    m_conn.connect(host, port, timeout);
+}
+
+void ProtocolClient::adopt(int fd)
+{
+    m_passwordVerified = false;
+    m_refused = false;
+    m_conn.adopt(fd);
+}
+
+void ProtocolClient::setPasswordHash(std::string hash)
+{
+    if (hash != m_conn.passwordHash())
+        m_passwordVerified = false;
+    m_conn.setPasswordHash(std::move(hash));
+}
+
+// Every failure but a refused password leaves the connection out of step
+// (or already ended by the server), so it is closed on the way out.
+template <typename Body>
+auto ProtocolClient::guarded(Body&& body) -> decltype(body())
+{
+    try {
+        return body();
+    } catch (const PasswordRequired&) {
+        throw;
+    } catch (...) {
+        m_conn.close();
+        throw;
+    }
+}
+
+void ProtocolClient::send(std::uint8_t code, const Bytes& fields)
+{
+    if (!m_conn.isConnected())
+        throw ClientError("not connected");
+    m_conn.sendCommand(code, fields);
+}
+
+SyncClient::Reply ProtocolClient::awaitReply(std::uint8_t code, bool streamed)
+{
+    m_refused = false;
+    int refusals = 0;
+    for (;;) {
+        auto reply = m_conn.readReply(streamed);
+        if (reply.isError()) {
+            m_conn.close();
+            throw ServerError(reply.code, reply.message);
+        }
+        if (reply.code == PasswordRequest) {
+            // One refusal is followed by the real reply when the command needs
+            // no authentication or the session has it already; a second one
+            // means the command was skipped, and any fields sent after the
+            // password are being read as commands.
+            m_refused = true;
+            if (++refusals < 2)
+                continue;
+            m_conn.close();
+            throw PasswordRequired(code);
+        }
+        if (reply.code == InvalidCommand && code != InvalidCommand) {
+            m_conn.close();
+            throw UnknownCommand(code);
+        }
+        if (reply.code != code)
+            throw ProtocolError("expected the reply to command " + std::to_string(code) + ", got code "
+                + std::to_string(reply.code));
+        if (reply.isEmptyHeader != streamed)
+            throw ProtocolError("the reply to command " + std::to_string(code)
+                + (streamed ? " should announce a stream" : " should carry data"));
+        return reply;
+    }
+}
+
+SyncClient::Reply ProtocolClient::exchange(std::uint8_t code, const Bytes& fields)
+{
+    if (code != IdentifyHost && code != StartSync && code != FinishSync)
+        verifyPassword();
+    return guarded([&] {
+        send(code, fields);
+        return awaitReply(code);
+    });
+}
+
+void ProtocolClient::verifyPassword()
+{
+    if (m_passwordVerified)
+        return;
+    startSync();
+    if (m_refused)
+        throw PasswordRequired(StartSync);
+}
+
+std::string ProtocolClient::identifyHost()
+{
+    return dataString(exchange(IdentifyHost));
+}
+
+bool ProtocolClient::startSync()
+{
+    bool ok = dataBool(exchange(StartSync));
+    if (!m_refused)
+        m_passwordVerified = true;
+    return ok;
+}
+
+bool ProtocolClient::finishSync()
+{
+    return dataBool(exchange(FinishSync));
+}
+
+std::string ProtocolClient::defaultPath()
+{
+    return dataString(exchange(DefaultPath));
+}
+
+std::string ProtocolClient::parentFolder(const std::string& path)
+{
+    return dataString(exchange(ParentFolder, encodePath(path)));
+}
+
+bool ProtocolClient::pathExists(const std::string& path)
+{
+    return dataBool(exchange(PathExists, encodePath(path)));
+}
+
+RemoteFolder ProtocolClient::folderInfo(const std::string& path)
+{
+    return RecordDecoder::decodeFolderRecord(exchange(FolderInfo, encodePath(path)).data);
+}
+
+std::vector<RemoteFolder> ProtocolClient::foldersInFolder(const std::string& path)
+{
+    return RecordDecoder::decodeFolderList(exchange(FoldersInFolder, encodePath(path)).data);
+}
+
+std::vector<RemoteFile> ProtocolClient::filesInFolder(const std::string& path)
+{
+    return RecordDecoder::decodeFileList(exchange(FilesInFolder, encodePath(path)).data);
+}
+
+void ProtocolClient::failOnErrorPacket(std::uint8_t code)
+{
+    // The error packet has no marker of its own: it is taken for one only
+    // when its code, status, message and zero data length line up and the
+    // connection ends right after it, as the server ends every session after
+    // an error. Where a stream goes on, something always follows an element,
+    // so the look ahead cannot stall on a healthy stream.
+    auto head = m_conn.peek(10);
+    if (head.size() < 10 || head[0] != code || head[1] != 1)
+        return;
+    auto length = BitConverter::toInt64(head.data() + 2);
+    if (length < 0 || length > kMaxErrorMessage)
+        return;
+    auto total = 18 + static_cast<std::size_t>(length);
+    auto whole = m_conn.peek(total + 1);
+    if (whole.size() != total || BitConverter::toInt64(whole.data() + 10 + length) != 0)
+        return;
+    m_conn.close();
+    throw ServerError(code, std::string(whole.begin() + 10, whole.begin() + 10 + length));
+}
+
+Bytes ProtocolClient::readRecordBody(std::uint8_t code)
+{
+    failOnErrorPacket(code);
+    auto length = m_conn.readLong();
+    if (length < RecordDecoder::kFolderEndBodyLength || length > RecordDecoder::kMaxRecordBodyLength)
+        throw ProtocolError("a record of " + std::to_string(length) + " bytes is out of place in the reply to command "
+            + std::to_string(code));
+    return m_conn.readExact(static_cast<std::size_t>(length));
+}
+
+RemoteFile ProtocolClient::readFileRecord(std::uint8_t code)
+{
+    return RecordDecoder::decodeFileBody(readRecordBody(code));
+}
+
+std::string ProtocolClient::readDigest(std::uint8_t code)
+{
+    failOnErrorPacket(code);
+    auto digest = m_conn.readString(kDigestLength);
+    if (digest.size() != kDigestLength)
+        throw ProtocolError("a digest of " + std::to_string(digest.size()) + " characters");
+    return digest;
+}
+
+void ProtocolClient::allFilesInFolder(const std::string& path, bool withHash, const TreeHandler& handler)
+{
+    verifyPassword();
+    guarded([&] {
+        Bytes fields = encodePath(path);
+        fields += BitHelper::encodeBool(withHash);
+        send(AllFilesInFolder, fields);
+        awaitReply(AllFilesInFolder, true);
+        for (;;) {
+            auto record = RecordDecoder::decodeRecordBody(readRecordBody(AllFilesInFolder));
+            if (auto* folder = std::get_if<RemoteFolder>(&record)) {
+                if (RecordDecoder::isEndMarker(*folder))
+                    return;
+                if (handler.onFolder)
+                    handler.onFolder(*folder);
+            } else if (handler.onFile) {
+                handler.onFile(std::get<RemoteFile>(record));
+            }
+        }
+    });
+}
+
+void ProtocolClient::calculateFileHash()
+{
+    verifyPassword();
+    guarded([&] { send(CalculateFileHash); });
+}
+
+void ProtocolClient::receiveFileData(std::size_t index, std::int64_t length, const DownloadHandler& handler, Bytes& buffer)
+{
+    // A file that cannot be opened is answered by an error packet where its
+    // data would be, after its record has gone out.
+    if (length > 0)
+        failOnErrorPacket(DownloadFiles);
+    while (length > 0) {
+        auto want = static_cast<std::size_t>(std::min<std::int64_t>(length, static_cast<std::int64_t>(buffer.size())));
+        auto got = m_conn.readSome(buffer.data(), want);
+        if (got == 0)
+            throw ClientError("the server closed the connection in the middle of a file");
+        if (handler.onData)
+            handler.onData(index, buffer.data(), got);
+        length -= static_cast<std::int64_t>(got);
+    }
+}
+
+void ProtocolClient::downloadFiles(const std::vector<DownloadItem>& items, bool withHash, const DownloadHandler& handler)
+{
+    verifyPassword();
+    guarded([&] {
+        Bytes fields = BitHelper::encodeLongLong(static_cast<std::int64_t>(items.size()));
+        for (const auto& item : items) {
+            fields += encodePath(item.path);
+            fields += BitHelper::encodeLongLong(item.offset);
+        }
+        fields += BitHelper::encodeBool(withHash);
+        send(DownloadFiles, fields);
+        awaitReply(DownloadFiles, true);
+        Bytes buffer(kChunkSize);
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            auto record = readFileRecord(DownloadFiles);
+            if (RecordDecoder::isEndMarker(record))
+                throw ProtocolError("the download ended after " + std::to_string(i) + " of "
+                    + std::to_string(items.size()) + " files");
+            auto toCome = std::max<std::int64_t>(0, static_cast<std::int64_t>(record.size) - items[i].offset);
+            if (handler.onFile)
+                handler.onFile(i, record, toCome);
+            receiveFileData(i, toCome, handler, buffer);
+            // The server opens a file only after its record has gone out: an
+            // empty or fully resumed file is known to be there only once the
+            // stream goes on past it without an error packet.
+            std::string digest = withHash ? readDigest(DownloadFiles) : std::string();
+            if (!withHash)
+                failOnErrorPacket(DownloadFiles);
+            if (handler.onFileDone)
+                handler.onFileDone(i, digest);
+        }
+        if (!RecordDecoder::isEndMarker(readFileRecord(DownloadFiles)))
+            throw ProtocolError("the download sent more files than were asked for");
+    });
+}
+
+ProtocolClient::UploadResult ProtocolClient::sendFileData(std::size_t index, const UploadItem& item,
+    std::int64_t offset, bool withHash, const UploadHandler& handler, Bytes& buffer)
+{
+    UploadResult result;
+    result.offset = offset;
+    const std::int64_t total = std::max<std::int64_t>(0, item.size - offset);
+    for (std::int64_t sent = 0; sent < total;) {
+        auto want = static_cast<std::size_t>(std::min<std::int64_t>(total - sent, static_cast<std::int64_t>(buffer.size())));
+        auto got = handler.read(index, offset + sent, buffer.data(), want);
+        if (got == 0 || got > want)
+            throw ClientError("the local data for " + item.path + " ended " + std::to_string(total - sent)
+                + " bytes early");
+        try {
+            m_conn.sendRaw(buffer.data(), got);
+        } catch (const ClientError&) {
+            // The server may have stopped reading because it failed; its
+            // error packet says why better than a broken pipe does.
+            auto saved = m_conn.timeout();
+            m_conn.setTimeout(std::chrono::seconds(2));
+            try {
+                failOnErrorPacket(UploadFiles);
+            } catch (const ServerError&) {
+                throw;
+            } catch (const ClientError&) {
+            }
+            m_conn.setTimeout(saved);
+            throw;
+        }
+        sent += static_cast<std::int64_t>(got);
+        if (handler.onProgress)
+            handler.onProgress(index, sent, total);
+    }
+    // The received count is checked against what was sent before anything
+    // else is tried: after the last file nothing follows it to look ahead at.
+    auto count = m_conn.peek(8);
+    if (count.size() == 8 && BitConverter::toInt64(count.data()) != total)
+        failOnErrorPacket(UploadFiles);
+    result.received = m_conn.readLong();
+    if (result.received != total)
+        throw ProtocolError("the server took " + std::to_string(result.received) + " bytes of " + item.path
+            + " where " + std::to_string(total) + " were sent");
+    if (withHash)
+        result.digest = readDigest(UploadFiles);
+    return result;
+}
+
+std::vector<ProtocolClient::UploadResult> ProtocolClient::uploadFiles(
+    const std::vector<UploadItem>& items, bool withHash, const UploadHandler& handler)
+{
+    verifyPassword();
+    return guarded([&] {
+        Bytes fields = BitHelper::encodeBool(withHash);
+        fields += BitHelper::encodeLongLong(static_cast<std::int64_t>(items.size()));
+        for (const auto& item : items) {
+            fields += encodePath(item.path);
+            fields += BitHelper::encodeLongLong(item.size);
+            fields += BitHelper::encodeLongLong(item.modified);
+            if (withHash)
+                fields += encodePath(item.digest);
+        }
+        send(UploadFiles, fields);
+        auto reply = awaitReply(UploadFiles);
+        if (reply.data.size() != 8 * items.size())
+            throw ProtocolError("the server sent " + std::to_string(reply.data.size() / 8) + " offsets for "
+                + std::to_string(items.size()) + " files");
+        std::vector<std::int64_t> offsets;
+        for (std::size_t i = 0; i < items.size(); ++i)
+            offsets.push_back(BitConverter::toInt64(reply.data.data() + 8 * i));
+        if (handler.onOffsets)
+            handler.onOffsets(offsets);
+        std::vector<UploadResult> results;
+        Bytes buffer(items.empty() ? 0 : kChunkSize);
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            results.push_back(sendFileData(i, items[i], offsets[i], withHash, handler, buffer));
+            if (handler.onFileDone)
+                handler.onFileDone(i, results.back());
+        }
+        return results;
+    });
+}
+
+bool ProtocolClient::batch(std::uint8_t code, const Bytes& items, std::size_t count)
+{
+    Bytes fields = BitHelper::encodeLongLong(static_cast<std::int64_t>(count));
+    fields += items;
+    return dataBool(exchange(code, fields));
+}
+
+bool ProtocolClient::createDirectories(const std::vector<std::string>& paths)
+{
+    Bytes items;
+    for (const auto& p : paths)
+        items += encodePath(p);
+    return batch(CreateDirectories, items, paths.size());
+}
+
+bool ProtocolClient::deleteFiles(const std::vector<std::string>& paths)
+{
+    Bytes items;
+    for (const auto& p : paths)
+        items += encodePath(p);
+    return batch(DeleteFiles, items, paths.size());
+}
+
+bool ProtocolClient::deleteFolders(const std::vector<std::string>& paths)
+{
+    Bytes items;
+    for (const auto& p : paths)
+        items += encodePath(p);
+    return batch(DeleteFolders, items, paths.size());
+}
+
+bool ProtocolClient::renameFiles(const std::vector<std::pair<std::string, std::string>>& renames)
+{
+    Bytes items;
+    for (const auto& [from, to] : renames) {
+        items += encodePath(from);
+        items += encodePath(to);
+    }
+    return batch(RenameFiles, items, renames.size());
+}
+
+std::int64_t ProtocolClient::freeSpace(const std::string& path)
+{
+    return dataLong(exchange(FreeSpace, encodePath(path)));
+}

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// Where a transfer reports how far it has come, one file at a time. Called
+// on the transferring thread; implementations return quickly.
+class TransferProgress {
+public:
+    virtual ~TransferProgress() = default;
+    // A file starts; `done` bytes of `total` are already in place (resumed).
+    virtual void start(const std::string& name, std::int64_t done, std::int64_t total) = 0;
+    virtual void update(std::int64_t done) = 0;
+    virtual void finish() = 0;
+};
