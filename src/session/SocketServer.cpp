@@ -147,13 +147,15 @@ bool SocketServer::waitForCommand()
     if (m_istream->hasBytesAvailable())
         return true;
     // Instead of sleeping in short steps: wait for data on the socket (while
-    // it is still open) or for shutdown(), whichever comes first.
+    // it is still open) or for shutdown(), whichever comes first. Closing the
+    // streams shuts the socket down, which wakes this wait too, so it needs no
+    // time-out and an idle session costs nothing.
     pollfd fds[2];
     nfds_t count = 0;
     if (m_istream->isUsable())
         fds[count++] = {m_istream->fd(), POLLIN, 0};
     fds[count++] = {m_wakeFd, POLLIN, 0};
-    ::poll(fds, count, 1000);
+    ::poll(fds, count, -1);
     return m_istream->hasBytesAvailable();
 }
 
