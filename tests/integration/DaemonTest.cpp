@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
+#include "netns/Namespaces.h"
 #include "client/SyncClient.h"
 #include "wire/BitHelper.h"
 
@@ -98,6 +99,17 @@ private:
     std::string m_outText, m_errText;
 };
 
+// Each test gets a network of its own, so daemons on the default port in
+// tests that ctest runs side by side never meet.
+class DaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (auto why = isolateNetwork(); !why.empty())
+            GTEST_SKIP() << "no private network for the daemon: " << why;
+    }
+};
+
 std::uint16_t portFrom(const std::string& startLine)
 {
     auto at = startLine.find("port ");
@@ -106,7 +118,7 @@ std::uint16_t portFrom(const std::string& startLine)
 
 } // namespace
 
-TEST(Daemon, FreshHomeGetsDefaultsAndTheServerAnswers)
+TEST_F(DaemonTest, FreshHomeGetsDefaultsAndTheServerAnswers)
 {
     TempHome home;
     // Port 0 is out of range: the system chooses, so tests never collide.
@@ -134,7 +146,7 @@ TEST(Daemon, FreshHomeGetsDefaultsAndTheServerAnswers)
     EXPECT_NE(d.errText().find("Stopped Echo server\n"), std::string::npos);
 }
 
-TEST(Daemon, WritesTheDefaultSettingsFile)
+TEST_F(DaemonTest, WritesTheDefaultSettingsFile)
 {
     TempHome home;
     Daemon d({"--no-discovery"});
@@ -151,10 +163,24 @@ TEST(Daemon, WritesTheDefaultSettingsFile)
     d.terminate();
 }
 
-TEST(Daemon, BadFlagSaysWhatToDo)
+TEST_F(DaemonTest, BadFlagSaysWhatToDo)
 {
     Daemon d({"--frobnicate"});
     auto err = Daemon::readUntil(d.err(), "--help", d.errText(), 5s);
     EXPECT_NE(err.find("unknown option '--frobnicate'"), std::string::npos);
     EXPECT_EQ(d.exitCode(), 2);
+}
+
+TEST_F(DaemonTest, BrokenSettingsFileIsNamedAndDefaultsServe)
+{
+    TempHome home;
+    auto file = home.write("Library/Preferences/com.orvantics.ZandrelSync.plist", "not a settings file<");
+    Daemon d({"--no-discovery"});
+    auto out = Daemon::readUntil(d.out(), "\n", d.outText(), 10s);
+    EXPECT_EQ(portFrom(out), 35000) << out;
+    auto err = Daemon::readUntil(d.err(), "rewritten", d.errText(), 5s);
+    EXPECT_NE(err.find("zandrel-syncd: Error reading plist: "), std::string::npos) << err;
+    EXPECT_NE(err.find(file.string() + " could not be read"), std::string::npos) << err;
+    EXPECT_EQ(readFile(file), "not a settings file<");
+    EXPECT_EQ(d.terminate(), 0);
 }
