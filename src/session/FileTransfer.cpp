@@ -119,7 +119,7 @@ public:
         m_bridge.logInfo(fmt::format("Downloading files. File count = {}", count));
         std::vector<Wanted> files;
         for (std::int32_t i = 0; i < count; ++i) {
-            auto path = pathText(m_io.readString(kDownloading));
+            auto path = m_io.readString(kDownloading);
             files.push_back({path, m_io.readLong(kDownloading)});
         }
         bool withDigest = m_io.readBool(kDownloading);
@@ -132,7 +132,9 @@ public:
 
 private:
     struct Wanted {
-        std::string path;
+        // Absent when the phone's bytes were not UTF-8: such a path names
+        // nothing, so its record is empty and the open fails.
+        std::optional<std::string> path;
         std::int64_t offset;
     };
 
@@ -145,21 +147,23 @@ private:
 
     void send(const Wanted& file, bool withDigest)
     {
-        m_bridge.logInfo(fmt::format("Sending: {}. Offset = {}", file.path, file.offset));
-        notifyIfWanted(m_bridge, m_settings, "Sending File", file.path, "SENDFILE");
+        const std::string shown = pathText(file.path);
+        m_bridge.logInfo(fmt::format("Sending: {}. Offset = {}", shown, file.offset));
+        notifyIfWanted(m_bridge, m_settings, "Sending File", shown, "SENDFILE");
         // The record expands a leading "~"; the file is opened as named.
-        auto record = FileSyncInfo::initFromPath(file.path);
+        const std::string path = file.path.value_or(std::string());
+        auto record = FileSyncInfo::initFromPath(path);
         m_io.writeData(BitHelper::encodeFileSyncInfo(record), kDownloading);
 
-        SourceFile source(file.path);
-        if (!source.isOpen())
-            failOpen(file.path);
-        source.seek(file.offset, file.path);
-        sendBytes(source, file.path, file.offset, static_cast<std::int64_t>(record.size));
+        SourceFile source(path);
+        if (!file.path || !source.isOpen())
+            failOpen(shown);
+        source.seek(file.offset, path);
+        sendBytes(source, path, file.offset, static_cast<std::int64_t>(record.size));
 
         if (withDigest)
-            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(file.path)), kDownloading);
-        m_bridge.logInfo(fmt::format("Sent: {}", file.path));
+            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(path)), kDownloading);
+        m_bridge.logInfo(fmt::format("Sent: {}", path));
     }
 
     // The bytes from `offset` to the size the record announced.

@@ -14,7 +14,9 @@ namespace {
 // Same failure as a byte-range extraction past the end of the buffer.
 void checkRange(const Bytes& data, std::int64_t index, std::int64_t length)
 {
-    if (index < 0 || length < 0 || index + length > static_cast<std::int64_t>(data.size()))
+    // Compared without adding, so that a length near 2^63 cannot wrap past
+    // the check and let the read run off the buffer.
+    if (index < 0 || length < 0 || length > static_cast<std::int64_t>(data.size()) - index)
         throw std::out_of_range("range out of bounds");
 }
 

@@ -247,6 +247,24 @@ TEST_F(TransferTest, DownloadOfAMissingFileSendsAnEmptyRecordThenFailsAndEndsThe
     EXPECT_TRUE(server.log().contains("Failed to open file: " + path));
 }
 
+TEST_F(TransferTest, DownloadOfAPathThatIsNotUtf8SendsAnEmptyRecordThenFails)
+{
+    // Such a path names nothing: its record has no path parts at all, and
+    // no file of the name an absent value prints as is ever looked at.
+    Bytes fields = BitHelper::encodeLongLong(1);
+    fields += BitHelper::encodeLongLong(1);
+    fields += Bytes{0xFF};
+    fields += BitHelper::encodeLongLong(0);
+    fields += BitHelper::encodeBool(false);
+    auto client = server.connect();
+    client->sendCommand(kDownload, fields);
+
+    EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+    SessionTest::expectNext(*client, BitHelper::encodeFileSyncInfo(FileSyncInfo::initFromPath("")));
+    SessionTest::expectSessionEndsWith(*client, kDownload, "Failed to open file: (null)");
+    EXPECT_TRUE(server.log().contains("Sending: (null). Offset = 0"));
+}
+
 TEST_F(TransferTest, DownloadOfAFileThatShrinksEndsTheSessionInsteadOfWaitingForever)
 {
     const auto path = at("shrinking.bin");

@@ -81,6 +81,13 @@ TEST(BitHelper, DecodersFailPastTheEnd)
     Bytes negative = encodeLongLong(-3);
     at = 0;
     EXPECT_THROW(decodeString(negative, at), std::out_of_range);
+
+    // A length so large that cursor + length would wrap is still refused.
+    Bytes huge = encodeLongLong(INT64_MAX - 3);
+    huge += Bytes{'x'};
+    at = 0;
+    EXPECT_THROW(decodeString(huge, at), std::out_of_range);
+    EXPECT_EQ(at, 8);
 }
 
 TEST(BitHelper, InvalidUtf8IsAnAbsentString)
