@@ -10,38 +10,12 @@
 # reaches the 64 MiB budget.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${1:-build}
-daemon=$build/bin/zandrel-syncd
-budget_kib=$((64 * 1024))
-
-if [ -z "${ZANDREL_IN_PRIVATE_NET:-}" ]; then
-  [ -x "$daemon" ] || { echo "transfer_memory: build $daemon first" >&2; exit 2; }
-  export ZANDREL_IN_PRIVATE_NET=1
-  exec unshare -rn sh -c 'ip link set lo up; ip route add 224.0.0.0/4 dev lo; exec "$0" "$@"' "$0" "$@"
-fi
-
-home=$(mktemp -d)
-out=$home/daemon.out
-pid=
-cleanup() {
-  if [ -n "$pid" ]; then kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; fi
-  rm -rf "$home"
-}
-trap cleanup EXIT
+source bench/daemon.sh "$@"
 
 file=$home/big.bin
 truncate -s 2G "$file"
 
-HOME=$home "$daemon" --no-discovery >"$out" 2>&1 &
-pid=$!
-port=
-for _ in $(seq 100); do
-  port=$(sed -n 's/.*serving on port \([0-9]*\).*/\1/p' "$out")
-  [ -n "$port" ] && break
-  kill -0 "$pid" 2>/dev/null || { cat "$out" >&2; exit 1; }
-  sleep 0.1
-done
-[ -n "$port" ] || { echo "transfer_memory: the server did not start" >&2; exit 1; }
+start_daemon
 
 # A minimal phone: one download command (count 1, path, offset 0, digest on),
 # then the empty header, the record, the data, the digest and the end marker.
@@ -89,6 +63,4 @@ assert end[:8] == struct.pack("<q", 71), end[:8]
 print(f"downloaded 2 GiB, digest {digest} matches")
 EOF
 
-hwm=$(awk '/^VmHWM:/ {print $2}' "/proc/$pid/status")
-echo "zandrel-syncd peak resident memory (VmHWM): $((hwm / 1024)) MiB ($hwm KiB); budget 64 MiB"
-[ "$hwm" -lt "$budget_kib" ]
+report_peak

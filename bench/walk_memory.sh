@@ -9,24 +9,7 @@
 # server's VmHWM and fails when it reaches the 64 MiB budget.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${1:-build}
-daemon=$build/bin/zandrel-syncd
-budget_kib=$((64 * 1024))
-
-if [ -z "${ZANDREL_IN_PRIVATE_NET:-}" ]; then
-  [ -x "$daemon" ] || { echo "walk_memory: build $daemon first" >&2; exit 2; }
-  export ZANDREL_IN_PRIVATE_NET=1
-  exec unshare -rn sh -c 'ip link set lo up; ip route add 224.0.0.0/4 dev lo; exec "$0" "$@"' "$0" "$@"
-fi
-
-home=$(mktemp -d)
-out=$home/daemon.out
-pid=
-cleanup() {
-  if [ -n "$pid" ]; then kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; fi
-  rm -rf "$home"
-}
-trap cleanup EXIT
+source bench/daemon.sh "$@"
 
 tree=$home/tree
 python3 - "$tree" <<'EOF'
@@ -40,16 +23,7 @@ for d in range(100):
             out.write(f"{d}/{f}\n")
 EOF
 
-HOME=$home "$daemon" --no-discovery >"$out" 2>&1 &
-pid=$!
-port=
-for _ in $(seq 100); do
-  port=$(sed -n 's/.*serving on port \([0-9]*\).*/\1/p' "$out")
-  [ -n "$port" ] && break
-  kill -0 "$pid" 2>/dev/null || { cat "$out" >&2; exit 1; }
-  sleep 0.1
-done
-[ -n "$port" ] || { echo "walk_memory: the server did not start" >&2; exit 1; }
+start_daemon
 
 # A minimal phone: one walk command with digests, then records until the
 # 62-byte end marker (the only record whose body is 54 bytes).
@@ -86,6 +60,4 @@ while True:
 print(f"walked {records} records")
 EOF
 
-hwm=$(awk '/^VmHWM:/ {print $2}' "/proc/$pid/status")
-echo "zandrel-syncd peak resident memory (VmHWM): $((hwm / 1024)) MiB ($hwm KiB); budget 64 MiB"
-[ "$hwm" -lt "$budget_kib" ]
+report_peak

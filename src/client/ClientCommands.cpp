@@ -279,37 +279,36 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
     });
 }
 
-int makeFolders(const Target& target, const std::vector<std::string>& paths, Console& console)
+namespace {
+
+// One batch command over absolute paths, reported as one success or failure.
+int runBatch(const Target& target, const std::vector<std::string>& paths, Console& console,
+    bool (ProtocolClient::*command)(const std::vector<std::string>&), const std::string& what)
 {
     return guard(target, console, [&] {
         for (const auto& p : paths)
             requireAbsolute(p);
         ProtocolClient client;
         open(client, target);
-        return reportBatch(client.createDirectories(paths), "create every folder", console);
+        return reportBatch((client.*command)(paths), what, console);
     });
+}
+
+} // namespace
+
+int makeFolders(const Target& target, const std::vector<std::string>& paths, Console& console)
+{
+    return runBatch(target, paths, console, &ProtocolClient::createDirectories, "create every folder");
 }
 
 int removeFiles(const Target& target, const std::vector<std::string>& paths, Console& console)
 {
-    return guard(target, console, [&] {
-        for (const auto& p : paths)
-            requireAbsolute(p);
-        ProtocolClient client;
-        open(client, target);
-        return reportBatch(client.deleteFiles(paths), "delete every file", console);
-    });
+    return runBatch(target, paths, console, &ProtocolClient::deleteFiles, "delete every file");
 }
 
 int removeFolders(const Target& target, const std::vector<std::string>& paths, Console& console)
 {
-    return guard(target, console, [&] {
-        for (const auto& p : paths)
-            requireAbsolute(p);
-        ProtocolClient client;
-        open(client, target);
-        return reportBatch(client.deleteFolders(paths), "delete every folder", console);
-    });
+    return runBatch(target, paths, console, &ProtocolClient::deleteFolders, "delete every folder");
 }
 
 int move(const Target& target, const std::string& from, const std::string& to, Console& console)

@@ -100,7 +100,7 @@ SyncClient::Reply ProtocolClient::awaitReply(std::uint8_t code, bool streamed)
             m_conn.close();
             throw ServerError(reply.code, reply.message);
         }
-        if (reply.code == PasswordRequest) {
+        if (reply.code == Command::PasswordRequired) {
             // One refusal is followed by the real reply when the command needs
             // no authentication or the session has it already; a second one
             // means the command was skipped, and any fields sent after the
@@ -111,7 +111,7 @@ SyncClient::Reply ProtocolClient::awaitReply(std::uint8_t code, bool streamed)
             m_conn.close();
             throw PasswordRequired(code);
         }
-        if (reply.code == InvalidCommand && code != InvalidCommand) {
+        if (reply.code == Command::Invalid && code != Command::Invalid) {
             m_conn.close();
             throw UnknownCommand(code);
         }
@@ -127,7 +127,7 @@ SyncClient::Reply ProtocolClient::awaitReply(std::uint8_t code, bool streamed)
 
 SyncClient::Reply ProtocolClient::exchange(std::uint8_t code, const Bytes& fields)
 {
-    if (code != IdentifyHost && code != StartSync && code != FinishSync)
+    if (code != Command::IdentifyHost && code != Command::StartSync && code != Command::FinishSync)
         verifyPassword();
     return guarded([&] {
         send(code, fields);
@@ -141,17 +141,17 @@ void ProtocolClient::verifyPassword()
         return;
     startSync();
     if (m_refused)
-        throw PasswordRequired(StartSync);
+        throw PasswordRequired(Command::StartSync);
 }
 
 std::string ProtocolClient::identifyHost()
 {
-    return dataString(exchange(IdentifyHost));
+    return dataString(exchange(Command::IdentifyHost));
 }
 
 bool ProtocolClient::startSync()
 {
-    bool ok = dataBool(exchange(StartSync));
+    bool ok = dataBool(exchange(Command::StartSync));
     if (!m_refused)
         m_passwordVerified = true;
     return ok;
@@ -159,37 +159,37 @@ bool ProtocolClient::startSync()
 
 bool ProtocolClient::finishSync()
 {
-    return dataBool(exchange(FinishSync));
+    return dataBool(exchange(Command::FinishSync));
 }
 
 std::string ProtocolClient::defaultPath()
 {
-    return dataString(exchange(DefaultPath));
+    return dataString(exchange(Command::DefaultPath));
 }
 
 std::string ProtocolClient::parentFolder(const std::string& path)
 {
-    return dataString(exchange(ParentFolder, encodePath(path)));
+    return dataString(exchange(Command::ParentFolder, encodePath(path)));
 }
 
 bool ProtocolClient::pathExists(const std::string& path)
 {
-    return dataBool(exchange(PathExists, encodePath(path)));
+    return dataBool(exchange(Command::PathExists, encodePath(path)));
 }
 
 RemoteFolder ProtocolClient::folderInfo(const std::string& path)
 {
-    return RecordDecoder::decodeFolderRecord(exchange(FolderInfo, encodePath(path)).data);
+    return RecordDecoder::decodeFolderRecord(exchange(Command::FolderInfo, encodePath(path)).data);
 }
 
 std::vector<RemoteFolder> ProtocolClient::foldersInFolder(const std::string& path)
 {
-    return RecordDecoder::decodeFolderList(exchange(FoldersInFolder, encodePath(path)).data);
+    return RecordDecoder::decodeFolderList(exchange(Command::FoldersInFolder, encodePath(path)).data);
 }
 
 std::vector<RemoteFile> ProtocolClient::filesInFolder(const std::string& path)
 {
-    return RecordDecoder::decodeFileList(exchange(FilesInFolder, encodePath(path)).data);
+    return RecordDecoder::decodeFileList(exchange(Command::FilesInFolder, encodePath(path)).data);
 }
 
 void ProtocolClient::failOnErrorPacket(std::uint8_t code)
@@ -243,10 +243,10 @@ void ProtocolClient::allFilesInFolder(const std::string& path, bool withHash, co
     guarded([&] {
         Bytes fields = encodePath(path);
         fields += BitHelper::encodeBool(withHash);
-        send(AllFilesInFolder, fields);
-        awaitReply(AllFilesInFolder, true);
+        send(Command::AllFilesInFolder, fields);
+        awaitReply(Command::AllFilesInFolder, true);
         for (;;) {
-            auto record = RecordDecoder::decodeRecordBody(readRecordBody(AllFilesInFolder));
+            auto record = RecordDecoder::decodeRecordBody(readRecordBody(Command::AllFilesInFolder));
             if (auto* folder = std::get_if<RemoteFolder>(&record)) {
                 if (RecordDecoder::isEndMarker(*folder))
                     return;
@@ -262,7 +262,7 @@ void ProtocolClient::allFilesInFolder(const std::string& path, bool withHash, co
 void ProtocolClient::calculateFileHash()
 {
     verifyPassword();
-    guarded([&] { send(CalculateFileHash); });
+    guarded([&] { send(Command::CalculateFileHash); });
 }
 
 void ProtocolClient::receiveFileData(std::size_t index, std::int64_t length, const DownloadHandler& handler, Bytes& buffer)
@@ -270,7 +270,7 @@ void ProtocolClient::receiveFileData(std::size_t index, std::int64_t length, con
     // A file that cannot be opened is answered by an error packet where its
     // data would be, after its record has gone out.
     if (length > 0)
-        failOnErrorPacket(DownloadFiles);
+        failOnErrorPacket(Command::DownloadFiles);
     while (length > 0) {
         auto want = static_cast<std::size_t>(std::min<std::int64_t>(length, static_cast<std::int64_t>(buffer.size())));
         auto got = m_conn.readSome(buffer.data(), want);
@@ -292,11 +292,11 @@ void ProtocolClient::downloadFiles(const std::vector<DownloadItem>& items, bool 
             fields += BitHelper::encodeLongLong(item.offset);
         }
         fields += BitHelper::encodeBool(withHash);
-        send(DownloadFiles, fields);
-        awaitReply(DownloadFiles, true);
+        send(Command::DownloadFiles, fields);
+        awaitReply(Command::DownloadFiles, true);
         Bytes buffer(kChunkSize);
         for (std::size_t i = 0; i < items.size(); ++i) {
-            auto record = readFileRecord(DownloadFiles);
+            auto record = readFileRecord(Command::DownloadFiles);
             if (RecordDecoder::isEndMarker(record))
                 throw ProtocolError("the download ended after " + std::to_string(i) + " of "
                     + std::to_string(items.size()) + " files");
@@ -307,13 +307,13 @@ void ProtocolClient::downloadFiles(const std::vector<DownloadItem>& items, bool 
             // The server opens a file only after its record has gone out: an
             // empty or fully resumed file is known to be there only once the
             // stream goes on past it without an error packet.
-            std::string digest = withHash ? readDigest(DownloadFiles) : std::string();
+            std::string digest = withHash ? readDigest(Command::DownloadFiles) : std::string();
             if (!withHash)
-                failOnErrorPacket(DownloadFiles);
+                failOnErrorPacket(Command::DownloadFiles);
             if (handler.onFileDone)
                 handler.onFileDone(i, digest);
         }
-        if (!RecordDecoder::isEndMarker(readFileRecord(DownloadFiles)))
+        if (!RecordDecoder::isEndMarker(readFileRecord(Command::DownloadFiles)))
             throw ProtocolError("the download sent more files than were asked for");
     });
 }
@@ -338,7 +338,7 @@ ProtocolClient::UploadResult ProtocolClient::sendFileData(std::size_t index, con
             auto saved = m_conn.timeout();
             m_conn.setTimeout(std::chrono::seconds(2));
             try {
-                failOnErrorPacket(UploadFiles);
+                failOnErrorPacket(Command::UploadFiles);
             } catch (const ServerError&) {
                 throw;
             } catch (const ClientError&) {
@@ -354,13 +354,13 @@ ProtocolClient::UploadResult ProtocolClient::sendFileData(std::size_t index, con
     // else is tried: after the last file nothing follows it to look ahead at.
     auto count = m_conn.peek(8);
     if (count.size() == 8 && BitConverter::toInt64(count.data()) != total)
-        failOnErrorPacket(UploadFiles);
+        failOnErrorPacket(Command::UploadFiles);
     result.received = m_conn.readLong();
     if (result.received != total)
         throw ProtocolError("the server took " + std::to_string(result.received) + " bytes of " + item.path
             + " where " + std::to_string(total) + " were sent");
     if (withHash)
-        result.digest = readDigest(UploadFiles);
+        result.digest = readDigest(Command::UploadFiles);
     return result;
 }
 
@@ -378,8 +378,8 @@ std::vector<ProtocolClient::UploadResult> ProtocolClient::uploadFiles(
             if (withHash)
                 fields += encodePath(item.digest);
         }
-        send(UploadFiles, fields);
-        auto reply = awaitReply(UploadFiles);
+        send(Command::UploadFiles, fields);
+        auto reply = awaitReply(Command::UploadFiles);
         if (reply.data.size() != 8 * items.size())
             throw ProtocolError("the server sent " + std::to_string(reply.data.size() / 8) + " offsets for "
                 + std::to_string(items.size()) + " files");
@@ -411,7 +411,7 @@ bool ProtocolClient::createDirectories(const std::vector<std::string>& paths)
     Bytes items;
     for (const auto& p : paths)
         items += encodePath(p);
-    return batch(CreateDirectories, items, paths.size());
+    return batch(Command::CreateDirectories, items, paths.size());
 }
 
 bool ProtocolClient::deleteFiles(const std::vector<std::string>& paths)
@@ -419,7 +419,7 @@ bool ProtocolClient::deleteFiles(const std::vector<std::string>& paths)
     Bytes items;
     for (const auto& p : paths)
         items += encodePath(p);
-    return batch(DeleteFiles, items, paths.size());
+    return batch(Command::DeleteFiles, items, paths.size());
 }
 
 bool ProtocolClient::deleteFolders(const std::vector<std::string>& paths)
@@ -427,7 +427,7 @@ bool ProtocolClient::deleteFolders(const std::vector<std::string>& paths)
     Bytes items;
     for (const auto& p : paths)
         items += encodePath(p);
-    return batch(DeleteFolders, items, paths.size());
+    return batch(Command::DeleteFolders, items, paths.size());
 }
 
 bool ProtocolClient::renameFiles(const std::vector<std::pair<std::string, std::string>>& renames)
@@ -437,10 +437,10 @@ bool ProtocolClient::renameFiles(const std::vector<std::pair<std::string, std::s
         items += encodePath(from);
         items += encodePath(to);
     }
-    return batch(RenameFiles, items, renames.size());
+    return batch(Command::RenameFiles, items, renames.size());
 }
 
 std::int64_t ProtocolClient::freeSpace(const std::string& path)
 {
-    return dataLong(exchange(FreeSpace, encodePath(path)));
+    return dataLong(exchange(Command::FreeSpace, encodePath(path)));
 }

@@ -12,6 +12,7 @@
 #include "client/ClientErrors.h"
 #include "client/RemoteRecords.h"
 #include "client/SyncClient.h"
+#include "wire/Commands.h"
 
 // The sync protocol as typed calls: one method per command, each sending its
 // fields in the order the server reads them and decoding its reply. Streamed
@@ -24,31 +25,6 @@
 // ClientError for the connection itself.
 class ProtocolClient {
 public:
-    // Command codes: the request's first byte and its reply's.
-    enum Code : std::uint8_t {
-        IdentifyHost = 14,
-        PasswordFailed = 15,
-        PasswordRequest = 16,
-        StartSync = 17,
-        DefaultPath = 18,
-        ParentFolder = 19,
-        PathExists = 20,
-        FolderInfo = 21,
-        FoldersInFolder = 22,
-        FilesInFolder = 23,
-        AllFilesInFolder = 24,
-        CalculateFileHash = 25,
-        DownloadFiles = 26,
-        UploadFiles = 27,
-        CreateDirectories = 28,
-        DeleteFiles = 29,
-        DeleteFolders = 30,
-        RenameFiles = 31,
-        FreeSpace = 32,
-        FinishSync = 33,
-        InvalidCommand = 34,
-    };
-
     // Both transfer directions move file data in pieces of this size.
     static constexpr std::size_t kChunkSize = 512000;
 

@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "session/Commands.h"
+#include "wire/Commands.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
 #include "wire/BitHelper.h"

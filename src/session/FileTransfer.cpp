@@ -18,7 +18,7 @@
 #include "app/UIBridge.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "session/Commands.h"
+#include "wire/Commands.h"
 #include "session/PartialFile.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"

@@ -6,7 +6,7 @@
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "session/Commands.h"
+#include "wire/Commands.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
 #include "settings/Settings.h"

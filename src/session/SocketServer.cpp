@@ -11,7 +11,7 @@
 #include <fmt/format.h>
 
 #include "app/UIBridge.h"
-#include "session/Commands.h"
+#include "wire/Commands.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Digest.h"

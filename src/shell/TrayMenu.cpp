@@ -83,10 +83,11 @@ void TrayMenu::showStatusItem()
         if (reason == QSystemTrayIcon::Trigger && _menu)
             _menu->popup(QCursor::pos());
     });
-    if (QSystemTrayIcon::isSystemTrayAvailable()) {
-        _statusItem->show();
+    // Shown even without a tray: a panel that comes up later (one still
+    // starting when we are started at login) takes the icon in then.
+    _statusItem->show();
+    if (QSystemTrayIcon::isSystemTrayAvailable())
         return;
-    }
     // Without a tray the person would see nothing at all.
     SystemLog::write("No system tray available; showing the settings window instead");
     openSettings();

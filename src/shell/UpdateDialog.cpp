@@ -100,6 +100,10 @@ void UpdateDialog::updatePressed()
 
 void UpdateDialog::_updatePressed()
 {
+    // Two presses can both be queued before the first is handled; only the
+    // first may start a download.
+    if (!m_ui->updateButton->isEnabled())
+        return;
     // Disabled for good: a second press could start a second download.
     m_ui->updateButton->setEnabled(false);
     m_ui->progressBar->show();

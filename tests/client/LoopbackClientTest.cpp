@@ -135,7 +135,7 @@ TEST_F(LoopbackClientTest, APathWithATildeEndsTheSession)
         m_client.foldersInFolder("~/x");
         FAIL() << "no error";
     } catch (const ServerError& e) {
-        EXPECT_EQ(e.code(), ProtocolClient::FoldersInFolder);
+        EXPECT_EQ(e.code(), Command::FoldersInFolder);
         EXPECT_EQ(e.message(), "Path ~/x does not exist.");
     }
     EXPECT_FALSE(m_client.isConnected());

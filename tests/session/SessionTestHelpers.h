@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "client/SyncClient.h"
-#include "session/Commands.h"
+#include "wire/Commands.h"
 #include "wire/BitHelper.h"
 #include "wire/StreamIO.h"
 

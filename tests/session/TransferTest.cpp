@@ -20,7 +20,7 @@
 #include "app/UIBridge.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "session/Commands.h"
+#include "wire/Commands.h"
 #include "session/SessionTestHelpers.h"
 #include "support/LoopbackServer.h"
 #include "wire/BitHelper.h"

@@ -5,6 +5,7 @@
 
 #include <QCheckBox>
 #include <QComboBox>
+#include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
@@ -168,6 +169,16 @@ TEST_F(SettingsDialogTest, ProgressArrivesFromAnyThreadAndTheLogViewStaysEmpty)
     m_dialog->logMessage("message line");
     save();
     EXPECT_TRUE(control<QTextEdit>("logView")->toPlainText().isEmpty());
+}
+
+TEST_F(SettingsDialogTest, HostDetailsAreShownAsWrittenEvenWhenTheyLookLikeMarkup)
+{
+    m_settings->setVersion("<b>1.5.0</b>");
+    m_dialog->_updateForm();
+    auto* version = control<QLabel>("versionField");
+    // What a person can select is what is shown.
+    version->setSelection(0, static_cast<int>(version->text().size()));
+    EXPECT_EQ(version->selectedText(), "<b>1.5.0</b>");
 }
 
 // The addresses of this machine, two of them added to lo when the test owns

@@ -75,6 +75,7 @@ TEST_F(TrayMenuTest, LaunchStartsTheServerAndWithoutATrayShowsTheSettings)
     ASSERT_NE(m_tray->settingsWindow(), nullptr);
     EXPECT_TRUE(m_tray->settingsWindow()->isVisible());
     EXPECT_TRUE(m_log.contains("No system tray available; showing the settings window instead"));
+    EXPECT_TRUE(m_tray->statusItem()->isVisible()) << "ready for a tray that comes up later";
 }
 
 TEST_F(TrayMenuTest, OpenSettingsTwiceMakesOneDialog)

@@ -140,6 +140,19 @@ TEST_F(UpdateDialogTest, ChecksumMismatchKeepsTheFileAndTheButtonDisabled)
     EXPECT_TRUE(m_opened.empty());
 }
 
+TEST_F(UpdateDialogTest, TwoQueuedPressesStartOneDownload)
+{
+    describe(description(md5Hex(kPackage).toUpper(), m_server.url(kPackagePath)));
+    open();
+    // Both presses are queued before either is handled, as with a fast
+    // double click.
+    m_dialog->updatePressed();
+    m_dialog->updatePressed();
+    ASSERT_TRUE(waitUntil([&] { return m_dialog->statusMessage() == "\rBad file checksum"; }));
+    EXPECT_EQ(m_server.hits(kInfoPath), 2) << "one check, one download";
+    EXPECT_EQ(m_server.hits(kPackagePath), 1);
+}
+
 TEST_F(UpdateDialogTest, MatchingDigestReplacesOldPackageOpensItAndQuits)
 {
     m_home.write("Downloads/ZandrelSync 1.5.2.pkg", "an older download");
