@@ -172,7 +172,8 @@ void SettingsDialog::saveSub(std::shared_ptr<App> app, std::shared_ptr<Settings>
                              std::shared_ptr<GuiRelay<SettingsDialog>> relay)
 {
     std::lock_guard lock(g_saveMutex);
-    TrayMenu::stopServer(app.get());
+    if (app)
+        app->stop();
     if (settings)
         _updateSettings(*settings, form);
     if (app)

@@ -22,7 +22,6 @@
 namespace {
 
 TrayMenu* g_sharedTrayMenu = nullptr;
-constexpr std::chrono::seconds kStartWait{10};
 
 } // namespace
 
@@ -37,19 +36,10 @@ TrayMenu::~TrayMenu()
         g_sharedTrayMenu = nullptr;
     // The workers (a save among them) finish before the server stops for good.
     BackgroundJobs::stopAll();
-    stopServer(_app.get());
+    if (_app)
+        _app->stop();
     if (m_updateWindow)
         delete m_updateWindow.data();
-}
-
-void TrayMenu::stopServer(App* app)
-{
-    if (!app)
-        return;
-    // A stop that comes while the server is still coming up would be
-    // ignored, and the server left running: let it finish starting first.
-    app->waitUntilRunning(kStartWait);
-    app->stop();
 }
 
 TrayMenu* TrayMenu::sharedTrayMenu()

@@ -47,8 +47,6 @@ public:
     // Worker thread: posts "UPDATE" through the notifier when a newer
     // version is offered; silent on everything else.
     static void _checkForUpdate(const std::shared_ptr<Notifier>& notifier);
-    // Stops the server for good or for a restart; any thread but a session's.
-    static void stopServer(App* app);
 
 public slots:
     void openSettings();

@@ -47,7 +47,8 @@ protected:
     {
         BackgroundJobs::stopAll();
         m_dialog.reset();
-        TrayMenu::stopServer(m_app.get());
+        if (m_app)
+            m_app->stop();
         m_app.reset();
     }
 
