@@ -1,6 +1,5 @@
 #include "shell/TrayMenu.h"
 
-#include <chrono>
 
 #include <QApplication>
 #include <QCursor>
