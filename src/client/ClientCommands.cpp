@@ -232,6 +232,21 @@ int tree(const Target& target, const std::string& path, bool md5, Console& conso
     });
 }
 
+namespace {
+
+// One line per file that arrived: where, how much, from where it resumed.
+void printMoved(Console& console, const std::string& where, std::int64_t bytes, std::int64_t resumedFrom, bool verified)
+{
+    console.out << where << "  " << bytes << " bytes";
+    if (resumedFrom > 0)
+        console.out << " (resumed at " << resumedFrom << ")";
+    if (verified)
+        console.out << ", digest verified";
+    console.out << "\n";
+}
+
+} // namespace
+
 int get(const Target& target, const std::vector<std::string>& remotes, const std::string& folder, bool md5,
     Console& console)
 {
@@ -243,14 +258,8 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
         Downloader downloader(client, md5, [&] { open(client, target); });
         auto outcomes = downloader.fetch(remotes, folder.empty() ? "." : folder, console.progress);
         for (const auto& o : outcomes) {
-            if (!o.error.empty())
-                continue;
-            console.out << o.local << "  " << o.received << " bytes";
-            if (o.resumedFrom > 0)
-                console.out << " (resumed at " << o.resumedFrom << ")";
-            if (o.verified)
-                console.out << ", digest verified";
-            console.out << "\n";
+            if (o.error.empty())
+                printMoved(console, o.local, o.received, o.resumedFrom, o.verified);
         }
         return reportTransfers(outcomes, "get", console);
     });
@@ -266,14 +275,8 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
         Uploader uploader(client, md5);
         auto outcomes = uploader.send(locals, remoteFolder, console.progress);
         for (const auto& o : outcomes) {
-            if (!o.error.empty())
-                continue;
-            console.out << o.remote << "  " << o.sent << " bytes";
-            if (o.resumedFrom > 0)
-                console.out << " (resumed at " << o.resumedFrom << ")";
-            if (o.verified)
-                console.out << ", digest verified";
-            console.out << "\n";
+            if (o.error.empty())
+                printMoved(console, o.remote, o.sent, o.resumedFrom, o.verified);
         }
         return reportTransfers(outcomes, "put", console);
     });

@@ -13,23 +13,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "settings/NumberText.h"
+
 namespace HostInfo {
 
 namespace {
 
 std::mutex g_pathMutex;
 std::string g_machineInfoPath = "/etc/machine-info";
-
-std::string trim(const std::string& s)
-{
-    std::size_t begin = 0;
-    std::size_t end = s.size();
-    while (begin < end && std::isspace(static_cast<unsigned char>(s[begin])))
-        ++begin;
-    while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1])))
-        --end;
-    return s.substr(begin, end - begin);
-}
 
 // The value part of a shell-style assignment: quotes removed, backslash
 // escapes resolved, unquoted trailing blanks dropped.
@@ -75,9 +66,9 @@ std::optional<std::string> prettyHostname(const std::string& machineInfoPath)
     std::optional<std::string> found;
     while (std::getline(in, line)) {
         auto equals = line.find('=');
-        if (equals == std::string::npos || trim(line.substr(0, equals)) != "PRETTY_HOSTNAME")
+        if (equals == std::string::npos || NumberText::trim(line.substr(0, equals)) != "PRETTY_HOSTNAME")
             continue;
-        found = unquote(trim(line.substr(equals + 1))); // the last assignment wins
+        found = unquote(NumberText::trim(line.substr(equals + 1))); // the last assignment wins
     }
     if (found && found->empty())
         found.reset();

@@ -7,6 +7,7 @@
 
 #include "settings/FileWrite.h"
 #include "wire/Paths.h"
+#include "settings/NumberText.h"
 
 namespace LoginItems {
 
@@ -16,17 +17,6 @@ namespace {
 constexpr const char* kReserved = " \t\n\"'\\><~|&;$*?#()`";
 // Characters that need a backslash inside a quoted Exec argument.
 constexpr const char* kEscapedInQuotes = "\"`$\\";
-
-std::string trim(const std::string& s)
-{
-    std::size_t begin = 0;
-    std::size_t end = s.size();
-    while (begin < end && std::isspace(static_cast<unsigned char>(s[begin])))
-        ++begin;
-    while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1])))
-        --end;
-    return s.substr(begin, end - begin);
-}
 
 bool contains(const char* set, char c)
 {
@@ -153,7 +143,7 @@ std::optional<std::string> entryProgram(const std::string& entryFile)
     std::optional<std::string> exec;
     bool hidden = false;
     while (std::getline(in, line)) {
-        line = trim(line);
+        line = NumberText::trim(line);
         if (line.empty() || line[0] == '#')
             continue;
         if (line[0] == '[') {
@@ -163,8 +153,8 @@ std::optional<std::string> entryProgram(const std::string& entryFile)
         auto equals = line.find('=');
         if (!inMainGroup || equals == std::string::npos)
             continue;
-        const std::string key = trim(line.substr(0, equals));
-        const std::string value = trim(line.substr(equals + 1));
+        const std::string key = NumberText::trim(line.substr(0, equals));
+        const std::string value = NumberText::trim(line.substr(equals + 1));
         if (key == "Exec")
             exec = value;
         else if (key == "Hidden")

@@ -44,4 +44,15 @@ bool leadingTruth(const std::string& text)
     return i < text.size() && text[i] != '\0' && std::strchr("YyTt123456789", text[i]) != nullptr;
 }
 
+std::string trim(const std::string& s)
+{
+    std::size_t begin = 0;
+    std::size_t end = s.size();
+    while (begin < end && std::isspace(static_cast<unsigned char>(s[begin])))
+        ++begin;
+    while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1])))
+        --end;
+    return s.substr(begin, end - begin);
+}
+
 } // namespace NumberText
