@@ -76,6 +76,7 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
     , m_loop(std::move(io))
     , m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
+    m_keepRunning = true;
     auto onEvent = [this](int event) { streamEvent(event); };
     m_istream->setEventHandler(onEvent);
     m_ostream->setEventHandler(onEvent);
@@ -128,7 +129,8 @@ void SocketServer::threadProc()
 {
     m_istream->open();
     m_ostream->open();
-    m_keepRunning = true;
+    // The keep-running flag was set at creation: set here, it could undo a
+    // shutdown() that came before the thread got going.
     m_connected = true;
     m_authenticated = false;
     try {

@@ -1,11 +1,6 @@
 #include <memory>
 #include <thread>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <gtest/gtest.h>
@@ -15,33 +10,6 @@
 #include "app/TCPServer.h"
 #include "app/UIBridge.h"
 #include "settings/Settings.h"
-
-namespace {
-
-// Holds a port by listening on it, as another program would.
-class PortHolder {
-public:
-    PortHolder()
-    {
-        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_ANY);
-        ::bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-        ::listen(m_fd, 4);
-        socklen_t len = sizeof a;
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len);
-        m_port = ntohs(a.sin_port);
-    }
-    ~PortHolder() { ::close(m_fd); }
-    std::uint16_t port() const { return m_port; }
-
-private:
-    int m_fd;
-    std::uint16_t m_port;
-};
-
-} // namespace
 
 TEST(TCPServer, PortZeroGivesARealPortAndStopIsRepeatable)
 {
@@ -64,7 +32,7 @@ TEST(TCPServer, PortZeroGivesARealPortAndStopIsRepeatable)
 
 TEST(TCPServer, PortInUseFailsWithCodeOne)
 {
-    PortHolder other;
+    HeldPort other(true);
     auto loop = std::make_shared<asio::io_context>();
     TCPServer server;
     server.setPort(other.port());

@@ -5,11 +5,6 @@
 #include <sstream>
 #include <string>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
@@ -19,29 +14,6 @@ namespace fs = std::filesystem;
 using namespace ClientCommands;
 
 namespace {
-
-// A loopback port with nothing listening on it, held for the test so no
-// one else takes it.
-class ClosedPort {
-public:
-    ClosedPort()
-    {
-        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof a;
-        ::bind(m_fd, reinterpret_cast<sockaddr*>(&a), length);
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &length);
-        m_port = ntohs(a.sin_port);
-    }
-    ~ClosedPort() { ::close(m_fd); }
-    std::uint16_t port() const { return m_port; }
-
-private:
-    int m_fd = -1;
-    std::uint16_t m_port = 0;
-};
 
 class ClientCommandsTest : public ::testing::Test {
 protected:
@@ -68,7 +40,7 @@ protected:
 
 TEST_F(ClientCommandsTest, FailuresSayWhatToCheck)
 {
-    ClosedPort closed;
+    HeldPort closed(false); // bound, not listening: connecting is refused
     Target nowhere = m_target;
     nowhere.port = closed.port();
     EXPECT_EQ(identify(nowhere, m_console), NoConnection);

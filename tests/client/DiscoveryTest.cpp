@@ -57,25 +57,22 @@ protected:
     std::unique_ptr<Broadcaster> m_broadcaster;
 };
 
-TEST_F(DiscoveryTest, AQueryIsAnsweredWithTheIdentifier)
-{
-    auto options = phoneOptions();
-    options.listenForAnnouncements = false;
-    auto found = Discovery(options).run();
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].from, TwoHosts::kDesktop);
-    EXPECT_EQ(found[0].identity.raw, m_settings->getIdentifier());
-    EXPECT_EQ(found[0].identity.port, 35123);
-    EXPECT_TRUE(found[0].identity.acceptsHash(m_settings->getHashedPassword()));
-}
-
-TEST_F(DiscoveryTest, AnnouncementsAreHeardWithoutAsking)
+TEST_F(DiscoveryTest, FindsTheServerByAnnouncementAndByQuery)
 {
     auto options = phoneOptions();
     options.sendQuery = false;
     auto found = Discovery(options).run();
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].identity.raw, m_settings->getIdentifier());
+
+    options = phoneOptions();
+    options.listenForAnnouncements = false;
+    found = Discovery(options).run();
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].from, TwoHosts::kDesktop);
+    EXPECT_EQ(found[0].identity.raw, m_settings->getIdentifier());
+    EXPECT_EQ(found[0].identity.port, 35123);
+    EXPECT_TRUE(found[0].identity.acceptsHash(m_settings->getHashedPassword()));
 }
 
 TEST_F(DiscoveryTest, APortHeldByAServerIsReportedPlainly)

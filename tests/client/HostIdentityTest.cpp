@@ -19,12 +19,9 @@ TEST(HostIdentityTest, ParsesEveryField)
     EXPECT_EQ(id->addresses, (std::vector<std::string>{"192.168.1.20", "10.0.0.7"}));
     EXPECT_EQ(id->port, 35000);
     EXPECT_EQ(id->hashDigest, digest);
-}
 
-TEST(HostIdentityTest, OddButValidTexts)
-{
     // No addresses at all, and a user name that the server does not escape.
-    auto id = HostIdentity::parse("V:C:odd:user::1024:D");
+    id = HostIdentity::parse("V:C:odd:user::1024:D");
     ASSERT_TRUE(id);
     EXPECT_EQ(id->user, "odd:user");
     EXPECT_TRUE(id->addresses.empty());

@@ -13,26 +13,23 @@
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "wire/BitHelper.h"
+#include "session/SessionTestHelpers.h"
 
-using Script::dataPacket;
-using Script::emptyHeader;
-using Script::errorPacket;
-using Script::request;
+using SessionTest::flag;
+using SessionTest::join;
+using SessionTest::number;
+using SessionTest::text;
 
 namespace {
 
 const std::string kHash = "0123456789ABCDEF0123456789ABCDEF";
 
-Bytes str(const std::string& s)
-{
-    return BitHelper::encodeString(s);
-}
-
-Bytes i64(std::int64_t v)
-{
-    return BitHelper::encodeLongLong(v);
-}
+Bytes dataPacket(std::uint8_t code, const Bytes& data) { return StreamIO::dataPacket(code, data); }
+Bytes errorPacket(std::uint8_t code, const std::string& message) { return StreamIO::errorPacket(code, message); }
+Bytes emptyHeader(std::uint8_t code) { return StreamIO::emptyHeader(code); }
+Bytes request(std::uint8_t code, const Bytes& fields = {}) { return scriptedRequest(code, kHash, fields); }
+Bytes passwordRequest() { return dataPacket(16, {}); }
+Bytes startSyncAccepted() { return dataPacket(17, flag(true)); }
 
 Bytes fileRecord(const std::string& path, std::uint64_t size, const std::string& hash = "")
 {
@@ -53,27 +50,12 @@ Bytes folderRecord(const std::string& path, const std::string& parent)
     return BitHelper::encodeDirSyncInfo(d);
 }
 
-Bytes concat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const auto& p : parts)
-        out += p;
-    return out;
-}
-
 class ProtocolClientTest : public ::testing::Test {
 protected:
     ProtocolClientTest() { m_client.setPasswordHash(kHash); }
 
     // A script that first accepts the password check.
-    Bytes accepted(std::initializer_list<Bytes> rest)
-    {
-        Bytes out = Script::startSyncAccepted();
-        for (const auto& p : rest)
-            out += p;
-        return out;
-    }
-    Bytes checkRequest() { return request(17, kHash); }
+    static Bytes accepted(std::initializer_list<Bytes> rest) { return join({startSyncAccepted(), join(rest)}); }
 
     ProtocolClient m_client;
 };
@@ -81,8 +63,8 @@ protected:
 TEST_F(ProtocolClientTest, EachCommandSendsItsFieldsInTheServersOrder)
 {
     ScriptedServer server(m_client,
-        accepted({dataPacket(19, str("/a")), dataPacket(28, BitHelper::encodeBool(true)),
-            dataPacket(31, BitHelper::encodeBool(false)), dataPacket(32, i64(4096)),
+        accepted({dataPacket(19, text("/a")), dataPacket(28, flag(true)),
+            dataPacket(31, flag(false)), dataPacket(32, number(4096)),
             emptyHeader(26), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish())}),
         false);
     EXPECT_EQ(m_client.parentFolder("/a/b"), "/a");
@@ -92,20 +74,20 @@ TEST_F(ProtocolClientTest, EachCommandSendsItsFieldsInTheServersOrder)
     // Two files asked for, none sent: the stream may end early only by error.
     EXPECT_THROW(m_client.downloadFiles({{"/d1", 7}, {"/d2", 0}}, true, {}), ProtocolError);
 
-    Bytes expected = concat({checkRequest(), request(19, kHash, str("/a/b")),
-        request(28, kHash, concat({i64(2), str("/x"), str("/y/z")})),
-        request(31, kHash, concat({i64(2), str("/o1"), str("/n1"), str("/o2"), str("/n2")})),
-        request(32, kHash, str("/")),
+    Bytes expected = join({request(17), request(19, text("/a/b")),
+        request(28, join({number(2), text("/x"), text("/y/z")})),
+        request(31, join({number(2), text("/o1"), text("/n1"), text("/o2"), text("/n2")})),
+        request(32, text("/")),
         // The digest flag comes last on download...
-        request(26, kHash, concat({i64(2), str("/d1"), i64(7), str("/d2"), i64(0), BitHelper::encodeBool(true)}))});
+        request(26, join({number(2), text("/d1"), number(7), text("/d2"), number(0), flag(true)}))});
     EXPECT_EQ(server.received(), expected);
 }
 
 TEST_F(ProtocolClientTest, UploadSendsFlagFirstThenOnlyTheMissingBytes)
 {
-    Bytes digest = str(std::string(32, 'f'));
+    Bytes digest = text(std::string(32, 'f'));
     ScriptedServer server(m_client,
-        accepted({dataPacket(27, concat({i64(3), i64(0)})), i64(2), digest, i64(4), digest}), false);
+        accepted({dataPacket(27, join({number(3), number(0)})), number(2), digest, number(4), digest}), false);
     const std::string first = "ABCDE", second = "wxyz";
     ProtocolClient::UploadHandler handler;
     std::vector<std::int64_t> offsets;
@@ -125,10 +107,10 @@ TEST_F(ProtocolClientTest, UploadSendsFlagFirstThenOnlyTheMissingBytes)
     EXPECT_EQ(results[1].received, 4);
     EXPECT_EQ(results[1].digest, std::string(32, 'f'));
 
-    Bytes expected = concat({checkRequest(),
-        request(27, kHash,
-            concat({BitHelper::encodeBool(true), i64(2), str("/u/1"), i64(5), i64(100), str("d1"), str("/u/2"), i64(4),
-                i64(200), str("d2")})),
+    Bytes expected = join({request(17),
+        request(27,
+            join({flag(true), number(2), text("/u/1"), number(5), number(100), text("d1"), text("/u/2"), number(4),
+                number(200), text("d2")})),
         Bytes{'D', 'E', 'w', 'x', 'y', 'z'}});
     EXPECT_EQ(server.received(), expected);
 }
@@ -136,18 +118,18 @@ TEST_F(ProtocolClientTest, UploadSendsFlagFirstThenOnlyTheMissingBytes)
 TEST_F(ProtocolClientTest, ARefusedPasswordSendsNothingMore)
 {
     // Start sync is answered all the same, after the refusal.
-    ScriptedServer server(m_client, concat({Script::passwordRequest(), Script::startSyncAccepted()}), false);
+    ScriptedServer server(m_client, join({passwordRequest(), startSyncAccepted()}), false);
     EXPECT_THROW(m_client.createDirectories({"/would/be/read/as/commands"}), PasswordRequired);
     EXPECT_TRUE(m_client.lastReplyRefusedPassword());
     EXPECT_TRUE(m_client.isConnected());
-    EXPECT_EQ(server.received(), checkRequest());
+    EXPECT_EQ(server.received(), request(17));
 }
 
 TEST_F(ProtocolClientTest, TwoRefusalsMeanTheCommandWasSkipped)
 {
     // A session that took the password once and then refuses it (its
     // settings changed) answers a command it skips with two refusals.
-    ScriptedServer server(m_client, accepted({Script::passwordRequest(), Script::passwordRequest()}));
+    ScriptedServer server(m_client, accepted({passwordRequest(), passwordRequest()}));
     EXPECT_TRUE(m_client.startSync());
     EXPECT_THROW(m_client.defaultPath(), PasswordRequired);
     EXPECT_FALSE(m_client.isConnected());
@@ -182,7 +164,7 @@ TEST_F(ProtocolClientTest, TreeWalkDeliversRecordsInStreamOrder)
     ScriptedServer server(m_client,
         accepted({emptyHeader(24), folderRecord("/r", "/"), fileRecord("/r/a", 1, std::string(32, 'a')),
             folderRecord("/r/s", "/r"), fileRecord("/r/s/b", 2), BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()),
-            dataPacket(33, BitHelper::encodeBool(true))}),
+            dataPacket(33, flag(true))}),
         false);
     std::vector<std::string> seen;
     ProtocolClient::TreeHandler handler;
@@ -216,8 +198,8 @@ TEST_F(ProtocolClientTest, DownloadStreamsDataAndDigests)
     // Data that starts like an error packet of this command but goes on is data.
     std::string lookalike("\x1a\x01\x03\0\0\0\0\0\0\0abc\0\0\0\0\0\0\0\0tail", 25);
     Bytes script = accepted({emptyHeader(26), fileRecord("/f", content.size()), Bytes(content.begin() + 4, content.end()),
-        str(std::string(32, '1')), fileRecord("/g", lookalike.size()), Bytes(lookalike.begin(), lookalike.end()),
-        str(std::string(32, '2')), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish())});
+        text(std::string(32, '1')), fileRecord("/g", lookalike.size()), Bytes(lookalike.begin(), lookalike.end()),
+        text(std::string(32, '2')), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish())});
     ScriptedServer server(m_client, script, false);
     std::vector<std::string> data(2);
     std::vector<std::string> digests(2);
@@ -254,7 +236,7 @@ TEST_F(ProtocolClientTest, DownloadFailuresNeverReachTheSink)
 TEST_F(ProtocolClientTest, UploadReportsWhatTheServerSaysInsteadOfACount)
 {
     {
-        ScriptedServer server(m_client, accepted({dataPacket(27, i64(0)), errorPacket(27, "disk full")}));
+        ScriptedServer server(m_client, accepted({dataPacket(27, number(0)), errorPacket(27, "disk full")}));
         ProtocolClient::UploadHandler handler;
         handler.read = [](std::size_t, std::int64_t, std::uint8_t* b, std::size_t n) {
             std::fill_n(b, n, 'x');
@@ -269,7 +251,7 @@ TEST_F(ProtocolClientTest, UploadReportsWhatTheServerSaysInsteadOfACount)
     }
     {
         // A local source that runs dry abandons the upload.
-        ScriptedServer server(m_client, accepted({dataPacket(27, i64(0))}), false);
+        ScriptedServer server(m_client, accepted({dataPacket(27, number(0))}), false);
         ProtocolClient::UploadHandler handler;
         handler.read = [](std::size_t, std::int64_t, std::uint8_t*, std::size_t) { return std::size_t(0); };
         EXPECT_THROW(m_client.uploadFiles({{"/u", 3, 0, ""}}, false, handler), ClientError);

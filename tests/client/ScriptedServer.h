@@ -70,46 +70,8 @@ private:
     std::thread m_writer;
 };
 
-// Reply and request bytes as the server and a client lay them out.
-namespace Script {
-
-inline Bytes dataPacket(std::uint8_t code, const Bytes& data)
-{
-    Bytes out{code, 0};
-    out += BitHelper::encodeLongLong(0);
-    out += BitHelper::encodeLongLong(static_cast<std::int64_t>(data.size()));
-    out += data;
-    return out;
-}
-
-inline Bytes errorPacket(std::uint8_t code, const std::string& message)
-{
-    Bytes out{code, 1};
-    out += BitHelper::encodeString(message);
-    out += BitHelper::encodeLongLong(0);
-    return out;
-}
-
-inline Bytes emptyHeader(std::uint8_t code)
-{
-    Bytes out{code, 0};
-    out += BitHelper::encodeLongLong(0);
-    out += BitHelper::encodeLongLong(1);
-    return out;
-}
-
-inline Bytes passwordRequest()
-{
-    return dataPacket(16, {});
-}
-
-// The start-sync exchange a client makes once to check its password.
-inline Bytes startSyncAccepted()
-{
-    return dataPacket(17, BitHelper::encodeBool(true));
-}
-
-inline Bytes request(std::uint8_t code, const std::string& hash, const Bytes& fields = {})
+// The request bytes a client lays out: code, length, password hash, fields.
+inline Bytes scriptedRequest(std::uint8_t code, const std::string& hash, const Bytes& fields = {})
 {
     Bytes payload = BitHelper::encodeString(hash);
     payload += fields;
@@ -118,5 +80,3 @@ inline Bytes request(std::uint8_t code, const std::string& hash, const Bytes& fi
     out += payload;
     return out;
 }
-
-} // namespace Script

@@ -42,12 +42,7 @@ protected:
         fs::create_directories(m_local);
     }
 
-    void connect()
-    {
-        m_client.connect("127.0.0.1", m_server.port());
-        m_client.setPasswordHash(m_server.hash());
-        m_client.setTimeout(std::chrono::seconds(20));
-    }
+    void connect() { m_server.attach(m_client); }
     std::string remote(const std::string& relative) { return (m_server.home().path() / "remote" / relative).string(); }
     std::string local(const std::string& name) { return (m_local / name).string(); }
 
@@ -62,14 +57,17 @@ TEST_F(TransfersTest, GetResumesPartialCopiesAndRefetchesWrongOnes)
     m_server.home().write("remote/partial", content);
     m_server.home().write("remote/shorter", "short");
     m_server.home().write("remote/fresh", "fresh");
+    m_server.home().write("remote/f", "0123456789");
     m_server.home().write("local/partial", content.substr(0, 600000));
     m_server.home().write("local/shorter", "a longer local copy");
+    m_server.home().write("local/f", "XXXX"); // resumed, then fails its digest
     LocalFile::setModified(remote("fresh"), 1'500'000'000);
 
     RecordingProgress progress;
     Downloader downloader(m_client, true);
-    auto outcomes = downloader.fetch({remote("partial"), remote("shorter"), remote("fresh")}, m_local.string(), &progress);
-    ASSERT_EQ(outcomes.size(), 3u);
+    auto outcomes = downloader.fetch(
+        {remote("partial"), remote("shorter"), remote("fresh"), remote("f")}, m_local.string(), &progress);
+    ASSERT_EQ(outcomes.size(), 4u);
     for (const auto& o : outcomes) {
         EXPECT_EQ(o.error, "") << o.remote;
         EXPECT_TRUE(o.verified) << o.remote;
@@ -80,20 +78,9 @@ TEST_F(TransfersTest, GetResumesPartialCopiesAndRefetchesWrongOnes)
     EXPECT_EQ(readFile(local("partial")), content);
     EXPECT_EQ(readFile(local("shorter")), "short");
     EXPECT_EQ(readFile(local("fresh")), "fresh");
+    EXPECT_EQ(readFile(local("f")), "0123456789");
     EXPECT_EQ(LocalFile::modifiedOf(local("fresh")), 1'500'000'000);
     EXPECT_EQ(progress.starts.front(), "partial 600000/700000");
-}
-
-TEST_F(TransfersTest, GetRefetchesAResumedCopyThatFailsItsDigest)
-{
-    m_server.home().write("remote/f", "0123456789");
-    m_server.home().write("local/f", "XXXX");
-    Downloader downloader(m_client, true);
-    auto outcomes = downloader.fetch({remote("f")}, m_local.string());
-    ASSERT_EQ(outcomes.size(), 1u);
-    EXPECT_EQ(outcomes[0].error, "");
-    EXPECT_TRUE(outcomes[0].verified);
-    EXPECT_EQ(readFile(local("f")), "0123456789");
 }
 
 TEST_F(TransfersTest, AMissingFileDoesNotStopTheOthers)

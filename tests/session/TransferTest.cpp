@@ -1,31 +1,25 @@
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "app/UIBridge.h"
+#include "client/LocalFile.h"
+#include "client/RecordDecoder.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "wire/Commands.h"
 #include "session/SessionTestHelpers.h"
 #include "support/LoopbackServer.h"
-#include "wire/BitHelper.h"
+#include "support/RecordingNotifier.h"
 #include "wire/Digest.h"
-#include "wire/StreamIO.h"
 
 namespace fs = std::filesystem;
 using SessionTest::expectSessionAlive;
@@ -56,6 +50,7 @@ std::string pattern(std::size_t length, unsigned seed = 1)
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
 std::string textOf(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 std::string md5(const std::string& text) { return Digest::md5Hex(text.data(), text.size()); }
+std::int64_t mtimeOf(const fs::path& path) { return LocalFile::modifiedOf(path.string()); }
 
 void writeFile(const fs::path& path, const std::string& contents)
 {
@@ -63,34 +58,10 @@ void writeFile(const fs::path& path, const std::string& contents)
     std::ofstream(path, std::ios::binary) << contents;
 }
 
-std::int64_t mtimeOf(const fs::path& path)
+// A streamed file record, read through the client's decoder.
+RemoteFile readRecord(SyncClient& client)
 {
-    struct stat st {};
-    ::stat(path.c_str(), &st);
-    return st.st_mtime;
-}
-
-// The fields of a streamed file record that these tests look at.
-struct Record {
-    std::string fullName;
-    std::uint64_t size = 0;
-    std::int64_t created = 0;
-    std::int64_t modified = 0;
-};
-
-Record readRecord(SyncClient& client)
-{
-    auto body = client.readExact(static_cast<std::size_t>(client.readLong()));
-    std::int32_t at = 0;
-    Record record;
-    record.fullName = BitHelper::decodeString(body, at).value_or("");
-    for (int i = 0; i < 3; ++i)
-        BitHelper::decodeString(body, at);
-    at += 1; // kind
-    record.size = static_cast<std::uint64_t>(BitHelper::decodeLongLong(body, at));
-    record.created = BitHelper::decodeLongLong(body, at);
-    record.modified = BitHelper::decodeLongLong(body, at);
-    return record;
+    return RecordDecoder::decodeFileBody(client.readExact(static_cast<std::size_t>(client.readLong())));
 }
 
 Bytes endMarker() { return BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()); }
@@ -102,13 +73,10 @@ struct Wanted {
 
 Bytes downloadFields(std::int64_t count, const std::vector<Wanted>& files, bool digest)
 {
-    Bytes fields = BitHelper::encodeLongLong(count);
-    for (const auto& f : files) {
-        fields += BitHelper::encodeString(std::string_view(f.path));
-        fields += BitHelper::encodeLongLong(f.offset);
-    }
-    fields += BitHelper::encodeBool(digest);
-    return fields;
+    Bytes fields = SessionTest::number(count);
+    for (const auto& f : files)
+        fields += SessionTest::join({SessionTest::text(f.path), SessionTest::number(f.offset)});
+    return SessionTest::join({fields, SessionTest::flag(digest)});
 }
 
 struct Sending {
@@ -119,14 +87,11 @@ struct Sending {
 
 Bytes uploadFields(bool digest, std::int64_t count, const std::vector<Sending>& files)
 {
-    Bytes fields = BitHelper::encodeBool(digest);
-    fields += BitHelper::encodeLongLong(count);
+    Bytes fields = SessionTest::join({SessionTest::flag(digest), SessionTest::number(count)});
     for (const auto& f : files) {
-        fields += BitHelper::encodeString(std::string_view(f.path));
-        fields += BitHelper::encodeLongLong(f.size);
-        fields += BitHelper::encodeLongLong(f.modified);
+        fields += SessionTest::join({SessionTest::text(f.path), SessionTest::number(f.size), SessionTest::number(f.modified)});
         if (digest)
-            fields += BitHelper::encodeString("phone digest, ignored");
+            fields += SessionTest::text("phone digest, ignored");
     }
     return fields;
 }
@@ -158,25 +123,6 @@ Bytes drainUntilClose(SyncClient& client)
         all.insert(all.end(), block, block + n);
     }
 }
-
-class RecordingNotifier : public Notifier {
-public:
-    using Call = std::tuple<std::string, std::string, std::string>;
-    void notify(const std::string& title, const std::string& description, const std::string& name) override
-    {
-        std::lock_guard lock(m_mutex);
-        m_calls.emplace_back(title, description, name);
-    }
-    std::vector<Call> calls()
-    {
-        std::lock_guard lock(m_mutex);
-        return m_calls;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<Call> m_calls;
-};
 
 class TransferTest : public ::testing::Test {
 protected:
@@ -251,11 +197,8 @@ TEST_F(TransferTest, DownloadOfAPathThatIsNotUtf8SendsAnEmptyRecordThenFails)
 {
     // Such a path names nothing: its record has no path parts at all, and
     // no file of the name an absent value prints as is ever looked at.
-    Bytes fields = BitHelper::encodeLongLong(1);
-    fields += BitHelper::encodeLongLong(1);
-    fields += Bytes{0xFF};
-    fields += BitHelper::encodeLongLong(0);
-    fields += BitHelper::encodeBool(false);
+    Bytes fields = SessionTest::join({SessionTest::number(1), SessionTest::number(1), Bytes{0xFF},
+        SessionTest::number(0), SessionTest::flag(false)});
     auto client = server.connect();
     client->sendCommand(kDownload, fields);
 
@@ -451,27 +394,27 @@ TEST_F(TransferTest, EachFileRaisesANotificationOnlyWhenToastIsOn)
     writeFile(source, "abc");
     auto client = server.connect();
 
+    auto download = [&] {
+        client->sendCommand(kDownload, downloadFields(1, {{source, 0}}, false));
+        client->readReply(true);
+        readRecord(*client);
+        client->readExact(3 + 79);
+    };
     server.settings().setToast(false);
-    client->sendCommand(kDownload, downloadFields(1, {{source, 0}}, false));
-    client->readReply(true);
-    readRecord(*client);
-    client->readExact(3 + 79);
-    EXPECT_TRUE(notifier->calls().empty());
+    download();
+    EXPECT_TRUE(notifier->notices().empty());
 
     server.settings().setToast(true);
-    client->sendCommand(kDownload, downloadFields(1, {{source, 0}}, false));
-    client->readReply(true);
-    readRecord(*client);
-    client->readExact(3 + 79);
+    download();
     client->sendCommand(kUpload, uploadFields(false, 1, {{destination, 2, 5}}));
     readOffsets(*client);
     client->sendRaw(bytesOf("xy"));
     EXPECT_EQ(client->readLong(), 2);
     expectSessionAlive(*client);
 
-    using Call = RecordingNotifier::Call;
-    EXPECT_EQ(notifier->calls(), (std::vector<Call>{{"Sending File", source.string(), "SENDFILE"},
-                                     {"Receiving File", destination.string(), "RECEIVEFILE"}}));
+    using Notice = RecordingNotifier::Notice;
+    EXPECT_EQ(notifier->notices(), (std::vector<Notice>{{"Sending File", source.string(), "SENDFILE"},
+                                       {"Receiving File", destination.string(), "RECEIVEFILE"}}));
 }
 
 } // namespace

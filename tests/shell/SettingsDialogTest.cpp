@@ -137,23 +137,19 @@ TEST_F(SettingsDialogTest, SaveRestartsTheServerOnTheNewPortAndWritesTheFile)
     EXPECT_TRUE(saveButton()->isEnabled());
 }
 
-TEST_F(SettingsDialogTest, EmptyPasswordKeepsTheStoredHash)
+TEST_F(SettingsDialogTest, EmptyPasswordKeepsTheHashAndUntickingStartAtLoginRemovesTheItemOnSave)
 {
     const std::string before = m_settings->getHashedPassword();
-    save();
-    EXPECT_EQ(m_settings->getHashedPassword(), before);
-    EXPECT_EQ(Settings(Settings::NoLoginItems{}).getHashedPassword(), before);
-}
-
-TEST_F(SettingsDialogTest, UntickingStartAtLoginRemovesTheLoginItemOnSave)
-{
     const fs::path entry = Settings::autostartEntryPath();
     ASSERT_TRUE(fs::exists(entry));
     control<QCheckBox>("startOnLoginCheckbox")->setChecked(false);
     EXPECT_TRUE(fs::exists(entry)) << "nothing changes before Save";
     save();
     EXPECT_FALSE(fs::exists(entry));
-    EXPECT_FALSE(Settings(Settings::NoLoginItems{}).getStartOnLogin());
+    EXPECT_EQ(m_settings->getHashedPassword(), before);
+    Settings stored(Settings::NoLoginItems{});
+    EXPECT_EQ(stored.getHashedPassword(), before);
+    EXPECT_FALSE(stored.getStartOnLogin());
 }
 
 TEST_F(SettingsDialogTest, ProgressArrivesFromAnyThreadAndTheLogViewStaysEmpty)

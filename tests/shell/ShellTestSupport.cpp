@@ -87,15 +87,3 @@ void LocalHttpServer::answer(QTcpSocket* socket)
     socket->write(reply);
     socket->disconnectFromHost();
 }
-
-void RecordingNotifier::notify(const std::string& title, const std::string& description, const std::string& name)
-{
-    std::lock_guard lock(m_mutex);
-    m_notices.push_back({title, description, name});
-}
-
-std::vector<RecordingNotifier::Notice> RecordingNotifier::notices() const
-{
-    std::lock_guard lock(m_mutex);
-    return m_notices;
-}

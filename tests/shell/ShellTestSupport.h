@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,7 +11,7 @@
 #include <QString>
 #include <QTcpServer>
 
-#include "app/UIBridge.h"
+#include "support/RecordingNotifier.h"
 
 // Set by the test main when it made the process a network namespace of its
 // own; only then may a test change that namespace's addresses.
@@ -44,20 +43,4 @@ private:
     QTcpServer m_server;
     QMap<QString, QByteArray> m_bodies;
     std::vector<QByteArray> m_requests;
-};
-
-// Records what would have been posted to the desktop; any thread.
-class RecordingNotifier : public Notifier {
-public:
-    struct Notice {
-        std::string title;
-        std::string description;
-        std::string name;
-    };
-    void notify(const std::string& title, const std::string& description, const std::string& name) override;
-    std::vector<Notice> notices() const;
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<Notice> m_notices;
 };

@@ -87,7 +87,7 @@ TEST_F(TrayMenuTest, OpenSettingsTwiceMakesOneDialog)
     m_tray->openSettings();
     EXPECT_EQ(m_tray->settingsWindow(), first);
     EXPECT_TRUE(first->isVisible());
-    EXPECT_EQ(m_tray->app()->settingsDialog() != nullptr, true);
+    EXPECT_NE(m_tray->app()->settingsDialog(), nullptr);
 }
 
 TEST_F(TrayMenuTest, UpdateWindowIsReshownWhileOpenAndRebuiltAfterClosing)

@@ -93,7 +93,7 @@ TEST_F(UpdateDialogTest, NewerVersionShowsTheOfferAndTheButton)
 
 TEST_F(UpdateDialogTest, EqualVersionIsNoUpdate)
 {
-    m_server.serve(kInfoPath, "1.5.0%" + md5Hex(kPackage) + "%" + m_server.url(kPackagePath).toUtf8() + "%Fixes");
+    describe("1.5.0%" + md5Hex(kPackage) + "%" + m_server.url(kPackagePath).toUtf8() + "%Fixes");
     open();
     EXPECT_EQ(m_dialog->statusMessage(), "No update available");
     EXPECT_FALSE(button()->isVisible());

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "client/ProtocolClient.h"
 #include "session/SocketServer.h"
 
 LoopbackServer::LoopbackServer(bool startNow)
@@ -44,6 +45,13 @@ std::unique_ptr<SyncClient> LoopbackServer::connect()
     client->setPasswordHash(hash());
     client->setTimeout(std::chrono::seconds(20));
     return client;
+}
+
+void LoopbackServer::attach(ProtocolClient& client)
+{
+    client.connect("127.0.0.1", m_port);
+    client.setPasswordHash(hash());
+    client.setTimeout(std::chrono::seconds(20));
 }
 
 std::string LoopbackServer::hash() const

@@ -9,6 +9,8 @@
 #include "client/SyncClient.h"
 #include "settings/Settings.h"
 
+class ProtocolClient;
+
 // A real server on 127.0.0.1 with a system-chosen port, in a temporary
 // $HOME, logging (trace on) into a capturing sink; discovery is off.
 class LoopbackServer {
@@ -27,6 +29,8 @@ public:
 
     // A connected client that sends the right password hash.
     std::unique_ptr<SyncClient> connect();
+    // Connects a typed client the same way.
+    void attach(ProtocolClient& client);
     // The password hash the server expects.
     std::string hash() const;
 

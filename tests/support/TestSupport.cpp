@@ -5,6 +5,10 @@
 #include <fstream>
 #include <sstream>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace fs = std::filesystem;
 
 TempHome::TempHome()
@@ -61,6 +65,23 @@ CapturedLog::~CapturedLog()
 bool CapturedLog::waitFor(std::string_view line, int milliseconds) const
 {
     return m_sink->waitFor(line, std::chrono::milliseconds(milliseconds));
+}
+
+HeldPort::HeldPort(bool listening) : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_ANY);
+    socklen_t length = sizeof a;
+    if (::bind(m_fd, reinterpret_cast<sockaddr*>(&a), length) != 0 || (listening && ::listen(m_fd, 4) != 0)
+        || ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &length) != 0)
+        throw std::runtime_error("cannot hold a port");
+    m_port = ntohs(a.sin_port);
+}
+
+HeldPort::~HeldPort()
+{
+    ::close(m_fd);
 }
 
 std::string readFile(const fs::path& path)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -45,6 +46,23 @@ public:
 
 private:
     std::shared_ptr<CapturingSink> m_sink;
+};
+
+// A TCP port on all addresses held for the life of the object: listening,
+// as another program's server would, or only bound, so that connecting to
+// it is refused.
+class HeldPort {
+public:
+    explicit HeldPort(bool listening);
+    ~HeldPort();
+    HeldPort(const HeldPort&) = delete;
+    HeldPort& operator=(const HeldPort&) = delete;
+
+    std::uint16_t port() const { return m_port; }
+
+private:
+    int m_fd = -1;
+    std::uint16_t m_port = 0;
 };
 
 std::string readFile(const std::filesystem::path& path);

@@ -8,25 +8,19 @@
 
 using namespace BitHelper;
 
-TEST(BitHelper, IntegersAreLittleEndianTwosComplement)
+TEST(BitHelper, EncodersLayOutLittleEndianIntegersAndUtf8ByteLengths)
 {
     EXPECT_EQ(encodeLongLong(1), (Bytes{1, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(encodeLongLong(-1), Bytes(8, 0xFF));
     EXPECT_EQ(encodeLongLong(258), (Bytes{2, 1, 0, 0, 0, 0, 0, 0}));
-    auto big = encodeLongLong(INT64_MIN);
-    EXPECT_EQ(BitConverter::toInt64(big.data()), INT64_MIN);
+    EXPECT_EQ(BitConverter::toInt64(encodeLongLong(INT64_MIN).data()), INT64_MIN);
     EXPECT_EQ(encodeLongLongNumber(std::nullopt), Bytes(8, 0));
-}
 
-TEST(BitHelper, StringsCountUtf8BytesAndAbsentIsEmpty)
-{
+    // Strings count UTF-8 bytes; an absent one is empty.
     EXPECT_EQ(encodeString(std::string("")), Bytes(8, 0));
     EXPECT_EQ(encodeString(std::optional<std::string>()), Bytes(8, 0));
     EXPECT_EQ(encodeString("\xC3\xA9"), (Bytes{2, 0, 0, 0, 0, 0, 0, 0, 0xC3, 0xA9}));
-}
 
-TEST(BitHelper, ListsAndSingleBytes)
-{
     EXPECT_TRUE(encodeLongLongArray({}).empty());
     EXPECT_EQ(encodeLongLongArray({5, 6}), (Bytes{5, 0, 0, 0, 0, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(encodeStrings({}), Bytes(8, 0));

@@ -1,9 +1,8 @@
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <string>
 
 #include <gtest/gtest.h>
 
+#include "support/TestSupport.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
 
@@ -24,14 +23,11 @@ TEST(Paths, ComponentsFollowTheUsualRules)
 
 TEST(Paths, TildeExpandsToHome)
 {
-    const char* old = std::getenv("HOME");
-    std::string saved = old ? old : "";
-    ::setenv("HOME", "/home/tester", 1);
-    EXPECT_EQ(Paths::expandTilde("~"), "/home/tester");
-    EXPECT_EQ(Paths::expandTilde("~/Music/a.mp3"), "/home/tester/Music/a.mp3");
+    TempHome home;
+    EXPECT_EQ(Paths::expandTilde("~"), home.path().string());
+    EXPECT_EQ(Paths::expandTilde("~/Music/a.mp3"), (home.path() / "Music/a.mp3").string());
     EXPECT_EQ(Paths::expandTilde("/abs/~x"), "/abs/~x");
     EXPECT_EQ(Paths::expandTilde("~no-such-user-here/x"), "~no-such-user-here/x");
-    ::setenv("HOME", saved.c_str(), 1);
 }
 
 TEST(Digest, FileDigestsAreLowerAndStringDigestsUpper)
@@ -40,16 +36,9 @@ TEST(Digest, FileDigestsAreLowerAndStringDigestsUpper)
     EXPECT_EQ(Digest::md5OfString("abc"), "900150983CD24FB0D6963F7D28E17F72");
     EXPECT_EQ(Digest::md5OfFile("/no/such/file"), "d41d8cd98f00b204e9800998ecf8427e");
 
-    auto path = std::filesystem::temp_directory_path() / "zandrel-digest-test.bin";
-    {
-        // Larger than one read block, so the blockwise digest is exercised.
-        std::ofstream out(path, std::ios::binary);
-        std::string block(1 << 20, 'x');
-        out << "abc";
-        for (int i = 0; i < 3; ++i)
-            out << block;
-    }
-    std::string whole = "abc" + std::string(3 << 20, 'x');
+    // Larger than one read block, so the blockwise digest is exercised.
+    TempHome home;
+    const std::string whole = "abc" + std::string(3 << 20, 'x');
+    auto path = home.write("digest.bin", whole);
     EXPECT_EQ(Digest::md5OfFile(path.string()), Digest::md5Hex(whole.data(), whole.size()));
-    std::filesystem::remove(path);
 }
