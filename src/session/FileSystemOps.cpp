@@ -6,10 +6,10 @@
 
 #include <fmt/format.h>
 
-#include "wire/Commands.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
 #include "wire/BitHelper.h"
+#include "wire/Commands.h"
 
 namespace {
 

@@ -18,10 +18,11 @@
 #include "app/UIBridge.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "wire/Commands.h"
+#include "session/FileSystem.h"
 #include "session/PartialFile.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
+#include "wire/Commands.h"
 #include "wire/Paths.h"
 #include "wire/SyncException.h"
 
@@ -46,13 +47,6 @@ std::mutex& uploadLock()
 std::int32_t low32(std::int64_t value)
 {
     return static_cast<std::int32_t>(value);
-}
-
-// A path that is not UTF-8 arrives absent and prints as an absent value has
-// always printed.
-std::string pathText(const std::optional<std::string>& path)
-{
-    return path.value_or("(null)");
 }
 
 void notifyIfWanted(const UIBridge& bridge, const Settings& settings, const std::string& title,
@@ -147,7 +141,7 @@ private:
 
     void send(const Wanted& file, bool withDigest)
     {
-        const std::string shown = pathText(file.path);
+        const std::string shown = FileSystem::shown(file.path);
         m_bridge.logInfo(fmt::format("Sending: {}. Offset = {}", shown, file.offset));
         notifyIfWanted(m_bridge, m_settings, "Sending File", shown, "SENDFILE");
         // The record expands a leading "~"; the file is opened as named.
@@ -229,7 +223,7 @@ private:
     Incoming readHeader(bool withDigest)
     {
         Incoming file;
-        file.path = pathText(m_io.readString(kUploading));
+        file.path = FileSystem::shown(m_io.readString(kUploading));
         file.size = m_io.readLong(kUploading);
         file.modified = m_io.readLong(kUploading);
         // The phone's digest is read and dropped: the answer carries ours.

@@ -6,11 +6,11 @@
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "wire/Commands.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
+#include "wire/Commands.h"
 #include "wire/Paths.h"
 
 namespace {

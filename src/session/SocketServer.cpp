@@ -11,9 +11,9 @@
 #include <fmt/format.h>
 
 #include "app/UIBridge.h"
-#include "wire/Commands.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
+#include "wire/Commands.h"
 #include "wire/Digest.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "client/SyncClient.h"
-#include "wire/Commands.h"
 #include "wire/BitHelper.h"
+#include "wire/Commands.h"
 #include "wire/StreamIO.h"
 
 // Payload fields and exact-reply checks shared by the session tests.
