@@ -19,47 +19,24 @@ start_daemon
 
 # A minimal phone: one download command (count 1, path, offset 0, digest on),
 # then the empty header, the record, the data, the digest and the end marker.
-python3 - "$port" "$file" <<'EOF'
-import hashlib, socket, struct, sys
+PYTHONPATH=bench python3 - "$port" "$file" <<'EOF'
+import hashlib, sys
+from phone import Phone, long, string
 port, path = int(sys.argv[1]), sys.argv[2]
-salt = "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE"
-hashword = hashlib.md5((salt + "Sesamely").encode()).hexdigest().upper()
-
-def string(s):
-    b = s.encode()
-    return struct.pack("<q", len(b)) + b
-
-s = socket.create_connection(("127.0.0.1", port))
-payload = string(hashword) + struct.pack("<q", 1) + string(path) + struct.pack("<q", 0) + b"\x01"
-s.sendall(bytes([26]) + struct.pack("<q", len(payload)) + payload)
-
-def exact(n):
-    buf = bytearray()
-    while len(buf) < n:
-        chunk = s.recv(min(n - len(buf), 1 << 20))
-        if not chunk:
-            sys.exit("transfer_memory: the server closed the connection")
-        buf += chunk
-    return bytes(buf)
-
-def number():
-    return struct.unpack("<q", exact(8))[0]
-
-header = exact(18)
-assert header[0] == 26 and header[1] == 0, header
-record = exact(number())
+phone = Phone(port)
+phone.send(26, long(1) + string(path) + long(0) + b"\x01")
+phone.empty_header(26)
+phone.exact(phone.number())  # the file's record
 md5 = hashlib.md5()
 left = 2 << 30
 while left:
-    chunk = s.recv(min(left, 1 << 20))
-    if not chunk:
-        sys.exit("transfer_memory: the server closed the connection mid-file")
+    chunk = phone.exact(min(left, 1 << 20))
     md5.update(chunk)
     left -= len(chunk)
-digest = exact(number()).decode()
-end = exact(79)
+digest = phone.exact(phone.number()).decode()
+end = phone.exact(79)
 assert digest == md5.hexdigest(), (digest, md5.hexdigest())
-assert end[:8] == struct.pack("<q", 71), end[:8]
+assert end[:8] == long(71), end[:8]
 print(f"downloaded 2 GiB, digest {digest} matches")
 EOF
 

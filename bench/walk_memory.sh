@@ -27,33 +27,17 @@ start_daemon
 
 # A minimal phone: one walk command with digests, then records until the
 # 62-byte end marker (the only record whose body is 54 bytes).
-python3 - "$port" "$tree" <<'EOF'
-import hashlib, socket, struct, sys
+PYTHONPATH=bench python3 - "$port" "$tree" <<'EOF'
+import sys
+from phone import Phone, string
 port, path = int(sys.argv[1]), sys.argv[2]
-salt = "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE"
-hashword = hashlib.md5((salt + "Sesamely").encode()).hexdigest().upper()
-
-def string(s):
-    b = s.encode()
-    return struct.pack("<q", len(b)) + b
-
-s = socket.create_connection(("127.0.0.1", port))
-payload = string(hashword) + string(path) + b"\x01"
-s.sendall(bytes([24]) + struct.pack("<q", len(payload)) + payload)
-stream = s.makefile("rb")
-
-def exact(n):
-    b = stream.read(n)
-    if len(b) != n:
-        sys.exit("walk_memory: the server closed the connection")
-    return b
-
-header = exact(18)
-assert header[0] == 24 and header[1] == 0, header
+phone = Phone(port)
+phone.send(24, string(path) + b"\x01")
+phone.empty_header(24)
 records = 0
 while True:
-    length = struct.unpack("<q", exact(8))[0]
-    exact(length)
+    length = phone.number()
+    phone.exact(length)
     if length == 54:
         break
     records += 1
