@@ -11,6 +11,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -59,7 +60,17 @@ void notifyIfWanted(const UIBridge& bridge, const Settings& settings, const std:
 // A file read from start offset to end for a download.
 class SourceFile {
 public:
-    explicit SourceFile(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    // Only a plain file counts as open. A FIFO would block the open for a
+    // writer that may never come, and a device can be endless; neither
+    // holds a file to send, so both end like a file that cannot be opened.
+    explicit SourceFile(const std::string& path) : m_fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+    {
+        struct stat st {};
+        if (m_fd >= 0 && (::fstat(m_fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+            ::close(m_fd);
+            m_fd = -1;
+        }
+    }
     ~SourceFile()
     {
         if (m_fd >= 0)
@@ -242,47 +253,56 @@ private:
 
         auto received = receiveData(file);
         m_io.writeData(BitHelper::encodeLongLong(received), kUploading);
-
-        PartialFile::moveIntoPlace(PartialFile::pathFor(file.path), file.path, file.modified);
         if (withDigest)
             m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(file.path)), kUploading);
         m_bridge.logInfo(fmt::format("Saved: {}.", file.path));
     }
 
-    // Appends the missing bytes to the partial file; returns how many came.
+    // Appends the missing bytes to the partial file and moves it into place;
+    // returns how many came. The move happens under the upload lock too:
+    // released before it, a second upload of the same path could append to
+    // the file being moved, or find its partial gone and remove the
+    // destination for nothing. When the partial no longer continues where
+    // the phone resumes, the bytes are read and dropped, and the digest the
+    // phone then gets is that of whatever the destination still holds.
     std::int64_t receiveData(const Incoming& file)
     {
         std::lock_guard lock(uploadLock());
-        PartialFile partial(PartialFile::pathFor(file.path));
+        auto partial = PartialFile::open(PartialFile::pathFor(file.path), file.offset);
         std::int64_t remaining = file.size - file.offset;
         std::int64_t received = 0;
         if (m_buffer.empty() && remaining > 0)
             m_buffer.resize(kChunkSize);
         while (remaining > 0) {
             auto n = std::min(remaining, kChunkSize);
-            receiveChunk(partial, n);
-            partial.flush();
+            receiveChunk(partial.get(), n);
+            if (partial)
+                partial->flush();
             received += n;
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, file.offset + received));
             m_bridge.setProgress(low32(received), low32(file.size));
             remaining -= n;
         }
-        partial.close();
-        PartialFile::setModified(partial.path(), file.modified);
+        if (partial) {
+            partial->setModified(file.modified);
+            partial->moveIntoPlace(file.path, file.modified);
+        }
         return received;
     }
 
     // Reads one chunk, appending each piece as soon as it has arrived, so
     // that a connection cut mid-chunk still leaves every byte that came
-    // before the cut in the partial file.
-    void receiveChunk(PartialFile& partial, std::int64_t length)
+    // before the cut in the partial file. Without a partial the bytes are
+    // only taken off the connection.
+    void receiveChunk(PartialFile* partial, std::int64_t length)
     {
         std::int64_t filled = 0;
         while (filled < length) {
             auto piece = std::clamp<std::int64_t>(waiting(), 1, length - filled);
             m_io.read(m_buffer.data() + filled, piece, kReceivingData);
-            partial.append(m_buffer.data() + filled, static_cast<std::size_t>(piece));
+            if (partial)
+                partial->append(m_buffer.data() + filled, static_cast<std::size_t>(piece));
             filled += piece;
         }
     }

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +22,11 @@ constexpr const char* kSuffix = ".zandrel";
     throw std::system_error(error, std::generic_category(), what);
 }
 
+[[noreturn]] void failOpen(const std::string& path)
+{
+    throw SyncException("FailedOpen", "Failed to open file: " + path);
+}
+
 } // namespace
 
 std::string PartialFile::pathFor(const std::string& destination)
@@ -31,40 +37,38 @@ std::string PartialFile::pathFor(const std::string& destination)
 std::int64_t PartialFile::resumeOffset(const std::string& partial, std::int64_t announced)
 {
     struct stat st {};
-    if (::stat(partial.c_str(), &st) != 0 || S_ISDIR(st.st_mode))
+    if (::stat(partial.c_str(), &st) != 0 || S_ISDIR(st.st_mode) || st.st_size > announced)
         return 0;
-    if (st.st_size > announced) {
-        std::error_code ignored;
-        fs::remove(partial, ignored);
-        return 0;
-    }
     return st.st_size;
 }
 
-void PartialFile::setModified(const std::string& path, std::int64_t seconds)
+std::unique_ptr<PartialFile> PartialFile::open(const std::string& path, std::int64_t offset)
 {
-    const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), 0}};
-    ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+    // Non-blocking, so that a FIFO put at the partial's name fails at once
+    // instead of waiting for a reader.
+    int flags = O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC;
+    if (offset == 0)
+        flags |= O_CREAT;
+    int fd = ::open(path.c_str(), flags, 0644);
+    if (fd < 0 && errno == ENOENT)
+        return nullptr;
+    // A folder (or an unwritable spot) at the partial's path ends the upload
+    // like a download of a file that cannot be opened.
+    if (fd < 0)
+        failOpen(path);
+    std::unique_ptr<PartialFile> partial(new PartialFile(path, fd));
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+        failOpen(path);
+    if (st.st_size == offset)
+        return partial;
+    // Starting from 0 discards whatever another upload left there.
+    if (offset == 0 && ::ftruncate(fd, 0) == 0)
+        return partial;
+    return nullptr;
 }
 
-void PartialFile::moveIntoPlace(const std::string& partial, const std::string& destination, std::int64_t seconds)
-{
-    std::error_code ignored;
-    // A dangling link counts as something in the way, too.
-    if (fs::symlink_status(destination, ignored).type() != fs::file_type::not_found)
-        fs::remove_all(destination, ignored);
-    fs::rename(partial, destination, ignored);
-    setModified(destination, seconds);
-}
-
-PartialFile::PartialFile(std::string path) : m_path(std::move(path))
-{
-    m_fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    // Only a folder (or an unwritable spot) standing at the partial's path
-    // gets here; the upload ends like a download of a file it cannot open.
-    if (m_fd < 0)
-        throw SyncException("FailedOpen", "Failed to open file: " + m_path);
-}
+PartialFile::PartialFile(std::string path, int fd) : m_path(std::move(path)), m_fd(fd) {}
 
 PartialFile::~PartialFile()
 {
@@ -87,11 +91,43 @@ void PartialFile::append(const std::uint8_t* data, std::size_t length)
 
 void PartialFile::flush()
 {
-    // EINVAL: the partial is something that cannot be synchronised (a
-    // device), which holds nothing to lose.
-    if (::fsync(m_fd) != 0 && errno != EINVAL)
+    if (::fsync(m_fd) != 0)
         failWith(errno, "Failed to flush " + m_path);
     m_unflushed = false;
+}
+
+void PartialFile::setModified(std::int64_t seconds)
+{
+    const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), 0}};
+    ::futimens(m_fd, times);
+}
+
+bool PartialFile::moveIntoPlace(const std::string& destination, std::int64_t seconds)
+{
+    // Whatever now stands at the partial's name was not written here: moving
+    // it (or removing the destination for it) would lose the user's file.
+    struct stat mine {}, named {};
+    if (::fstat(m_fd, &mine) != 0 || ::stat(m_path.c_str(), &named) != 0 || mine.st_dev != named.st_dev
+        || mine.st_ino != named.st_ino)
+        return false;
+
+    struct stat there {};
+    std::error_code ignored;
+    if (::lstat(destination.c_str(), &there) != 0 || !S_ISDIR(there.st_mode)) {
+        // A file or link in the way is replaced in the same step.
+        if (::rename(m_path.c_str(), destination.c_str()) != 0)
+            return false;
+    } else if (::renameat2(AT_FDCWD, m_path.c_str(), AT_FDCWD, destination.c_str(), RENAME_EXCHANGE) == 0) {
+        // The folder has swapped places with the file, so it is removed only
+        // once the file stands in its place.
+        fs::remove_all(m_path, ignored);
+    } else {
+        fs::remove_all(destination, ignored);
+        if (::rename(m_path.c_str(), destination.c_str()) != 0)
+            return false;
+    }
+    setModified(seconds);
+    return true;
 }
 
 void PartialFile::close()

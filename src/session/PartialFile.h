@@ -2,27 +2,31 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 // The file an upload is received into, "<destination>.zandrel". It outlives a
 // cut connection on purpose: the next upload of the same path resumes from
-// its length. Used by one session thread; written only under the upload lock.
+// its length. Opened, written and moved into place only under the upload
+// lock, by one session thread at a time.
 class PartialFile {
 public:
     static std::string pathFor(const std::string& destination);
     // Where an upload of `announced` bytes starts: the partial's length; 0 when
     // nothing or a folder is there, or when it is longer than announced (it
-    // is deleted then, as it cannot belong to this file).
+    // cannot belong to this file and is started afresh once the data comes).
+    // Changes nothing on disk: another session may be receiving into it.
     static std::int64_t resumeOffset(const std::string& partial, std::int64_t announced);
-    // Sets the modification time; failures are ignored, as they always were.
-    static void setModified(const std::string& path, std::int64_t seconds);
-    // Replaces whatever is at `destination` (a folder with all it holds) by
-    // the partial and dates it. Failures of these steps are ignored.
-    static void moveIntoPlace(const std::string& partial, const std::string& destination, std::int64_t seconds);
 
-    // Creates the partial when nothing is there and opens it for appending.
-    // Throws a SyncException ("FailedOpen") when it cannot be opened.
-    explicit PartialFile(std::string path);
+    // Opens the partial of an upload that starts at `offset` (created when
+    // missing and the upload starts at 0; emptied when it starts at 0 but
+    // something is there). Null when the partial no longer holds exactly
+    // `offset` bytes: another upload of the same path, or someone else,
+    // changed it since the offset was answered, so the phone's bytes would
+    // not continue what is there. Throws a SyncException ("FailedOpen") when
+    // it cannot be opened or is not a plain file.
+    static std::unique_ptr<PartialFile> open(const std::string& path, std::int64_t offset);
+
     // Closes (see close()).
     ~PartialFile();
     PartialFile(const PartialFile&) = delete;
@@ -33,11 +37,20 @@ public:
     void append(const std::uint8_t* data, std::size_t length);
     // fsync; throws std::system_error when the disk refuses.
     void flush();
+    // Sets the modification time; failures are ignored, as they always were.
+    void setModified(std::int64_t seconds);
+    // Puts this file at `destination` (replacing a file, or a folder with
+    // all it holds) and dates it, provided the partial's name still names
+    // the file written here. Otherwise (it was deleted or replaced while the
+    // data came) nothing is moved or removed. Failures are ignored.
+    bool moveIntoPlace(const std::string& destination, std::int64_t seconds);
     // Flushes what was appended since the last flush, so that even a failed
     // upload leaves every received byte on disk, then closes.
     void close();
 
 private:
+    PartialFile(std::string path, int fd);
+
     std::string m_path;
     int m_fd = -1;
     bool m_unflushed = false;

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <openssl/evp.h>
@@ -53,26 +56,36 @@ std::string md5Hex(const void* data, std::size_t length)
 std::string md5OfFile(const std::string& path)
 {
     auto ctx = newMd5();
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        // A file that fails part-way is treated like an unreadable one: the
-        // whole-file read it replaces would have produced no data at all.
-        std::unique_ptr<unsigned char[]> block(new unsigned char[1 << 20]);
-        bool failed = false;
-        for (;;) {
-            ssize_t n = ::read(fd, block.get(), 1 << 20);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0)
-                failed = true;
-            if (n <= 0)
-                break;
-            EVP_DigestUpdate(ctx.get(), block.get(), static_cast<std::size_t>(n));
-        }
-        ::close(fd);
-        if (failed)
+    // Only a plain file is digested, and only as far as it reached when it
+    // was opened: a FIFO would block the open, a device can be endless, and
+    // a file still growing would keep the reader going. Anything else counts
+    // as unreadable. A NUL byte would cut the path short and name another
+    // file.
+    if (path.find('\0') != std::string::npos)
+        return finishHex(ctx.get());
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return finishHex(ctx.get());
+    struct stat st {};
+    std::int64_t left = 0;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+        left = st.st_size;
+    // A file that fails part-way is treated like an unreadable one: the
+    // whole-file read it replaces would have produced no data at all.
+    constexpr std::int64_t kBlock = 1 << 20;
+    std::unique_ptr<unsigned char[]> block(new unsigned char[kBlock]);
+    while (left > 0) {
+        ssize_t n = ::read(fd, block.get(), static_cast<std::size_t>(std::min(left, kBlock)));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
             ctx = newMd5();
+        if (n <= 0)
+            break;
+        EVP_DigestUpdate(ctx.get(), block.get(), static_cast<std::size_t>(n));
+        left -= n;
     }
+    ::close(fd);
     return finishHex(ctx.get());
 }
 

@@ -8,6 +8,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -229,6 +230,21 @@ TEST_F(TransferTest, DownloadOfAFileThatShrinksEndsTheSessionInsteadOfWaitingFor
     EXPECT_LT(rest.size(), std::size_t{64} << 20);
 }
 
+TEST_F(TransferTest, DownloadOfAnythingButAPlainFileFailsLikeAFileThatCannotBeOpened)
+{
+    // A FIFO nobody writes would block the open; /dev/zero would feed the
+    // digest for ever.
+    const auto fifo = at("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {fifo.string(), std::string("/dev/zero")}) {
+        auto client = server.connect();
+        client->sendCommand(kDownload, downloadFields(1, {{path, 0}}, true));
+        EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+        EXPECT_EQ(readRecord(*client).fullName, path);
+        SessionTest::expectSessionEndsWith(*client, kDownload, "Failed to open file: " + path);
+    }
+}
+
 TEST_F(TransferTest, DownloadOfNoFilesSendsTheEndMarkerOnly)
 {
     auto client = server.connect();
@@ -384,6 +400,68 @@ TEST_F(TransferTest, TwoSessionsUploadingAtOnceReceiveOneFileAfterTheOther)
     ASSERT_LT(lastOfFirst, static_cast<long>(lines.size()));
     ASSERT_LT(firstOfSecond, static_cast<long>(lines.size()));
     EXPECT_LT(lastOfFirst, firstOfSecond);
+}
+
+TEST_F(TransferTest, TwoUploadsOfOnePathAtOnceLeaveOneCompleteFile)
+{
+    server.settings().setVerbose(true);
+    const auto path = at("same/song.mp3");
+    const auto longer = pattern(1500000, 11), shorter = pattern(1000000, 12);
+    writeFile(path, "old");
+
+    auto a = server.connect();
+    a->sendCommand(kUpload, uploadFields(true, 1, {{path, 1500000, 1}}));
+    EXPECT_EQ(readOffsets(*a), std::vector<std::int64_t>{0});
+    a->sendRaw(bytesOf(longer.substr(0, 1100000)));
+    ASSERT_TRUE(server.log().waitFor("Received 512000 bytes. Offset = 1024000", 10000));
+
+    // The partial is longer than this upload announces while the first is
+    // still receiving into it.
+    auto b = server.connect();
+    b->sendCommand(kUpload, uploadFields(true, 1, {{path, 1000000, 2}}));
+    EXPECT_EQ(readOffsets(*b), std::vector<std::int64_t>{0});
+    std::string digestB;
+    std::thread sender([&] {
+        b->sendRaw(bytesOf(shorter));
+        EXPECT_EQ(b->readLong(), 1000000);
+        digestB = b->readString();
+    });
+    a->sendRaw(bytesOf(longer.substr(1100000)));
+    EXPECT_EQ(a->readLong(), 1500000);
+    auto digestA = a->readString();
+    sender.join();
+
+    // One of the two, whole; a phone told another digest sees it differ.
+    const auto stored = readFile(path);
+    EXPECT_TRUE(stored == longer || stored == shorter) << stored.size() << " bytes";
+    for (const auto& digest : {digestA, digestB})
+        EXPECT_TRUE(digest == md5(longer) || digest == md5(shorter)) << digest;
+    EXPECT_EQ(digestB, md5(stored));
+    EXPECT_FALSE(fs::exists(path.string() + ".zandrel"));
+    expectSessionAlive(*a);
+    expectSessionAlive(*b);
+}
+
+TEST_F(TransferTest, UploadWhosePartialIsDeletedMidwayKeepsTheOldFile)
+{
+    server.settings().setVerbose(true);
+    const auto path = at("kept/doc.txt");
+    const auto contents = pattern(1200000, 13);
+    writeFile(path, "the old version");
+
+    auto client = server.connect();
+    client->sendCommand(kUpload, uploadFields(true, 1, {{path, 1200000, 3}}));
+    EXPECT_EQ(readOffsets(*client), std::vector<std::int64_t>{0});
+    client->sendRaw(bytesOf(contents.substr(0, 600000)));
+    ASSERT_TRUE(server.log().waitFor("Received 512000 bytes. Offset = 512000", 10000));
+    fs::remove(path.string() + ".zandrel");
+    client->sendRaw(bytesOf(contents.substr(600000)));
+
+    EXPECT_EQ(client->readLong(), 1200000);
+    // The phone is told the digest of what is there, not of what it sent.
+    EXPECT_EQ(client->readString(), md5("the old version"));
+    EXPECT_EQ(readFile(path), "the old version");
+    expectSessionAlive(*client);
 }
 
 TEST_F(TransferTest, EachFileRaisesANotificationOnlyWhenToastIsOn)

@@ -1,5 +1,7 @@
 #include <string>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
@@ -41,4 +43,18 @@ TEST(Digest, FileDigestsAreLowerAndStringDigestsUpper)
     const std::string whole = "abc" + std::string(3 << 20, 'x');
     auto path = home.write("digest.bin", whole);
     EXPECT_EQ(Digest::md5OfFile(path.string()), Digest::md5Hex(whole.data(), whole.size()));
+}
+
+TEST(Digest, OnlyPlainFilesAreReadAndNeverPastTheirEnd)
+{
+    // Each of these would block or read for ever; all digest as no file.
+    TempHome home;
+    const std::string empty = "d41d8cd98f00b204e9800998ecf8427e";
+    auto fifo = home.path() / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(Digest::md5OfFile(fifo.string()), empty);
+    EXPECT_EQ(Digest::md5OfFile("/dev/zero"), empty);
+    // The text before a NUL names another file, which is not read.
+    auto real = home.write("real.txt", "abc");
+    EXPECT_EQ(Digest::md5OfFile(real.string() + std::string(1, '\0') + ".new"), empty);
 }
