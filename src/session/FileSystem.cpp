@@ -14,13 +14,6 @@ namespace FileSystem {
 
 namespace {
 
-// The kernel would silently cut such a path at the NUL and ask about another
-// item.
-bool usable(const std::string& path)
-{
-    return path.find('\0') == std::string::npos;
-}
-
 // Closes a descriptor when it goes out of scope.
 class Fd {
 public:
@@ -124,7 +117,7 @@ bool moveByLink(const std::string& from, const std::string& to)
 PathState stateOf(const std::optional<std::string>& path)
 {
     struct stat st {};
-    if (!path || !usable(*path) || ::stat(path->c_str(), &st) != 0)
+    if (!path || ::stat(path->c_str(), &st) != 0)
         return {};
     return {true, S_ISDIR(st.st_mode)};
 }
@@ -132,7 +125,7 @@ PathState stateOf(const std::optional<std::string>& path)
 ItemType typeOf(const std::string& path)
 {
     struct stat st {};
-    if (!usable(path) || ::lstat(path.c_str(), &st) != 0)
+    if (::lstat(path.c_str(), &st) != 0)
         return ItemType::Missing;
     if (S_ISREG(st.st_mode))
         return ItemType::RegularFile;
@@ -143,8 +136,6 @@ ItemType typeOf(const std::string& path)
 
 std::vector<std::string> listFolder(const std::string& folder)
 {
-    if (!usable(folder))
-        return {};
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
     if (!dir)
         return {};
@@ -169,8 +160,6 @@ std::string childPath(const std::string& folder, const std::string& name)
 
 bool moveWithoutReplacing(const std::string& from, const std::string& to)
 {
-    if (!usable(from) || !usable(to))
-        return false;
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
         return true;
     switch (errno) {
@@ -188,7 +177,7 @@ bool moveWithoutReplacing(const std::string& from, const std::string& to)
 std::optional<std::int64_t> freeBytes(const std::string& path)
 {
     struct statvfs fs {};
-    if (!usable(path) || ::statvfs(path.c_str(), &fs) != 0)
+    if (::statvfs(path.c_str(), &fs) != 0)
         return std::nullopt;
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(fs.f_bavail) * fs.f_frsize);
 }

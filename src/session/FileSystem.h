@@ -7,7 +7,8 @@
 
 // The disk as the session handlers see it: existence and type tests,
 // listings in the platform's order, a move that never replaces, free space.
-// Stateless; any session thread may call it.
+// Stateless; any session thread may call it. Paths from a phone come here
+// only through DiskPath.
 namespace FileSystem {
 
 // What the existence test reports. It follows a final symbolic link, so a
@@ -17,8 +18,7 @@ struct PathState {
     bool isFolder = false;
 };
 
-// An absent path (text that was not UTF-8) and one holding a NUL byte name
-// nothing on disk.
+// An absent path names nothing on disk.
 PathState stateOf(const std::optional<std::string>& path);
 
 enum class ItemType { Missing, RegularFile, Directory, Other };

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
 #include "wire/BitHelper.h"
@@ -32,8 +33,7 @@ Outcome createOne(const OptionalPath& path)
 {
     if (FileSystem::stateOf(path).exists)
         return Outcome::Skipped;
-    // A NUL byte would cut the path short and make some other folder.
-    if (path && path->find('\0') == std::string::npos) {
+    if (path) {
         std::error_code ignored;
         std::filesystem::create_directories(*path, ignored);
     }
@@ -113,7 +113,7 @@ void SocketServer::createDirectories()
     guarded(Command::CreateDirectories, context, [&] {
         runBatch(m_io, *this, Command::CreateDirectories, context, "Creating directories", [&] {
             auto path = m_io.readString(context);
-            return report(createOne(path), *this, fmt::format("Created directory: {}", shown(path)),
+            return report(createOne(DiskPath::of(path, *m_settings)), *this, fmt::format("Created directory: {}", shown(path)),
                 fmt::format("Could not create directory: {}", shown(path)));
         });
     });
@@ -125,7 +125,7 @@ void SocketServer::deleteFiles()
     guarded(Command::DeleteFiles, context, [&] {
         runBatch(m_io, *this, Command::DeleteFiles, context, "Deleting files", [&] {
             auto path = m_io.readString(context);
-            return report(deleteFileOne(path), *this, fmt::format("Deleted file: {}", shown(path)),
+            return report(deleteFileOne(DiskPath::of(path, *m_settings)), *this, fmt::format("Deleted file: {}", shown(path)),
                 fmt::format("Could not delete file: {}", shown(path)));
         });
     });
@@ -137,7 +137,7 @@ void SocketServer::deleteFolders()
     guarded(Command::DeleteFolders, context, [&] {
         runBatch(m_io, *this, Command::DeleteFolders, context, "Deleting folders", [&] {
             auto path = m_io.readString(context);
-            return report(deleteFolderOne(path), *this, fmt::format("Deleted directory: {}", shown(path)),
+            return report(deleteFolderOne(DiskPath::of(path, *m_settings)), *this, fmt::format("Deleted directory: {}", shown(path)),
                 fmt::format("Could not delete directory: {}", shown(path)));
         });
     });
@@ -150,7 +150,7 @@ void SocketServer::renameFiles()
         runBatch(m_io, *this, Command::RenameFiles, context, "Renaming files", [&] {
             auto from = m_io.readString(context);
             auto to = m_io.readString(context);
-            return report(renameOne(from, to), *this,
+            return report(renameOne(DiskPath::of(from, *m_settings), DiskPath::of(to, *m_settings)), *this,
                 fmt::format("Renamed file '{}' to '{}'", shown(from), shown(to)),
                 fmt::format("Could not rename file '{}' to '{}'", shown(from), shown(to)));
         });
@@ -163,9 +163,10 @@ void SocketServer::freeSpace()
     guarded(Command::FreeSpace, context, [&] {
         auto path = m_io.readString(context);
         logInfo(fmt::format("Free space for path: {}", shown(path)));
-        if (!FileSystem::stateOf(path).isFolder)
+        auto disk = DiskPath::of(path, *m_settings);
+        if (!FileSystem::stateOf(disk).isFolder)
             throw SyncException("PathDoesntExist", fmt::format("Path {} does not exist.", shown(path)));
-        auto free = FileSystem::freeBytes(*path);
+        auto free = FileSystem::freeBytes(*disk);
         if (!free)
             throw SyncException("AttributesError",
                 fmt::format("Could not retrieve file system attributes for path: {}", *path));

@@ -19,6 +19,7 @@
 #include "app/UIBridge.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
+#include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "session/PartialFile.h"
 #include "settings/Settings.h"
@@ -137,8 +138,8 @@ public:
 
 private:
     struct Wanted {
-        // Absent when the phone's bytes were not UTF-8: such a path names
-        // nothing, so its record is empty and the open fails.
+        // Absent when the phone's bytes were not UTF-8: its record then has
+        // no path parts.
         std::optional<std::string> path;
         std::int64_t offset;
     };
@@ -156,19 +157,33 @@ private:
         m_bridge.logInfo(fmt::format("Sending: {}. Offset = {}", shown, file.offset));
         notifyIfWanted(m_bridge, m_settings, "Sending File", shown, "SENDFILE");
         // The record expands a leading "~"; the file is opened as named.
-        const std::string path = file.path.value_or(std::string());
-        auto record = FileSyncInfo::initFromPath(path);
+        auto disk = DiskPath::of(file.path, m_settings);
+        auto record = FileSyncInfo::initFromPath(file.path.value_or(std::string()));
+        if (!disk)
+            describeAsMissing(record);
         m_io.writeData(BitHelper::encodeFileSyncInfo(record), kDownloading);
 
-        SourceFile source(path);
-        if (!file.path || !source.isOpen())
+        if (!disk)
             failOpen(shown);
-        source.seek(file.offset, path);
-        sendBytes(source, path, file.offset, static_cast<std::int64_t>(record.size));
+        SourceFile source(*disk);
+        if (!source.isOpen())
+            failOpen(shown);
+        source.seek(file.offset, *disk);
+        sendBytes(source, *disk, file.offset, static_cast<std::int64_t>(record.size));
 
         if (withDigest)
-            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(path)), kDownloading);
-        m_bridge.logInfo(fmt::format("Sent: {}", path));
+            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(*disk)), kDownloading);
+        m_bridge.logInfo(fmt::format("Sent: {}", *disk));
+    }
+
+    // A path that names nothing is described like one where nothing exists,
+    // whatever stands at some other path its text might be taken for.
+    static void describeAsMissing(FileSyncInfo& record)
+    {
+        record.size = 0;
+        record.created = 0;
+        record.modified = 0;
+        record.readonly = true;
     }
 
     // The bytes from `offset` to the size the record announced.
@@ -225,6 +240,10 @@ public:
 
 private:
     struct Incoming {
+        // Nothing when the path names no file: the data is then read and
+        // dropped, and the digest is that of no file.
+        std::optional<std::string> disk;
+        // As log lines show it.
         std::string path;
         std::int64_t size;
         std::int64_t modified;
@@ -234,27 +253,30 @@ private:
     Incoming readHeader(bool withDigest)
     {
         Incoming file;
-        file.path = FileSystem::shown(m_io.readString(kUploading));
+        auto received = m_io.readString(kUploading);
+        file.disk = DiskPath::of(received, m_settings);
+        file.path = FileSystem::shown(received);
         file.size = m_io.readLong(kUploading);
         file.modified = m_io.readLong(kUploading);
         // The phone's digest is read and dropped: the answer carries ours.
         if (withDigest)
             m_io.readString(kUploading);
-        file.offset = PartialFile::resumeOffset(PartialFile::pathFor(file.path), file.size);
+        file.offset = file.disk ? PartialFile::resumeOffset(PartialFile::pathFor(*file.disk), file.size) : 0;
         return file;
     }
 
     void receive(const Incoming& file, bool withDigest)
     {
         std::error_code ignored;
-        std::filesystem::create_directories(Paths::deletingLastPathComponent(file.path), ignored);
+        if (file.disk)
+            std::filesystem::create_directories(Paths::deletingLastPathComponent(*file.disk), ignored);
         m_bridge.logInfo(fmt::format("Receiving: {}. Offset = {}", file.path, file.offset));
         notifyIfWanted(m_bridge, m_settings, "Receiving File", file.path, "RECEIVEFILE");
 
         auto received = receiveData(file);
         m_io.writeData(BitHelper::encodeLongLong(received), kUploading);
         if (withDigest)
-            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(file.path)), kUploading);
+            m_io.writeData(BitHelper::encodeString(digestOf(file.disk)), kUploading);
         m_bridge.logInfo(fmt::format("Saved: {}.", file.path));
     }
 
@@ -268,7 +290,9 @@ private:
     std::int64_t receiveData(const Incoming& file)
     {
         std::lock_guard lock(uploadLock());
-        auto partial = PartialFile::open(PartialFile::pathFor(file.path), file.offset);
+        std::unique_ptr<PartialFile> partial;
+        if (file.disk)
+            partial = PartialFile::open(PartialFile::pathFor(*file.disk), file.offset);
         std::int64_t remaining = file.size - file.offset;
         std::int64_t received = 0;
         if (m_buffer.empty() && remaining > 0)
@@ -286,7 +310,7 @@ private:
         }
         if (partial) {
             partial->setModified(file.modified);
-            partial->moveIntoPlace(file.path, file.modified);
+            partial->moveIntoPlace(*file.disk, file.modified);
         }
         return received;
     }
@@ -305,6 +329,11 @@ private:
                 partial->append(m_buffer.data() + filled, static_cast<std::size_t>(piece));
             filled += piece;
         }
+    }
+
+    static std::string digestOf(const std::optional<std::string>& disk)
+    {
+        return SocketServer::getMD5FromFile(disk ? *disk : std::string());
     }
 
     // Bytes already on the connection, after a short wait when there are none

@@ -6,6 +6,7 @@
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
+#include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
 #include "settings/Settings.h"
@@ -67,7 +68,7 @@ void SocketServer::pathExists()
         auto path = m_io.readString(context);
         if (path)
             path = Paths::expandTilde(*path);
-        bool isFolder = FileSystem::stateOf(path).isFolder;
+        bool isFolder = FileSystem::stateOf(DiskPath::of(path, *m_settings)).isFolder;
         logInfo(fmt::format("Path exists: {}", yesNo(isFolder)));
         m_io.writeDataPacket(Command::PathExists, BitHelper::encodeBool(isFolder), context);
     });
@@ -78,11 +79,12 @@ void SocketServer::folderInfo()
     const std::string context = "folder information";
     guarded(Command::FolderInfo, context, [&] {
         auto path = m_io.readString(context);
-        bool isFolder = FileSystem::stateOf(path).isFolder;
+        auto disk = DiskPath::of(path, *m_settings);
+        bool isFolder = FileSystem::stateOf(disk).isFolder;
         logInfo(fmt::format("Folder info: {}", FileSystem::shown(path)));
         if (!isFolder)
             throw pathDoesntExist(path);
-        m_io.writeDataPacket(Command::FolderInfo, BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(*path)),
+        m_io.writeDataPacket(Command::FolderInfo, BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(*disk)),
             context);
     });
 }
@@ -92,11 +94,12 @@ void SocketServer::foldersInFolder()
     const std::string context = "folders in folder";
     guarded(Command::FoldersInFolder, context, [&] {
         auto path = m_io.readString(context);
-        bool isFolder = FileSystem::stateOf(path).isFolder;
+        auto disk = DiskPath::of(path, *m_settings);
+        bool isFolder = FileSystem::stateOf(disk).isFolder;
         logInfo(fmt::format("Folders in folder: {}", FileSystem::shown(path)));
         if (!isFolder)
             throw pathDoesntExist(path);
-        const std::string& folder = *path;
+        const std::string& folder = *disk;
         std::vector<DirSyncInfo> folders;
         for (const auto& name : FileSystem::listFolder(folder)) {
             std::string child = FileSystem::childPath(folder, name);
@@ -114,11 +117,12 @@ void SocketServer::filesInFolder()
     const std::string context = "files in folder";
     guarded(Command::FilesInFolder, context, [&] {
         auto path = m_io.readString(context);
-        bool isFolder = FileSystem::stateOf(path).isFolder;
+        auto disk = DiskPath::of(path, *m_settings);
+        bool isFolder = FileSystem::stateOf(disk).isFolder;
         logInfo(fmt::format("Files in folder: {}", FileSystem::shown(path)));
         if (!isFolder)
             throw pathDoesntExist(path);
-        const std::string& folder = *path;
+        const std::string& folder = *disk;
         // Unlike the walk, this listing keeps partial uploads and .DS_Store.
         std::vector<FileSyncInfo> files;
         for (const auto& name : FileSystem::listFolder(folder)) {
@@ -139,10 +143,11 @@ void SocketServer::allFilesInFolder()
         auto path = m_io.readString(context);
         bool withHash = m_io.readBool(context);
         logInfo(fmt::format("All files in folder: {}, MD5 = {}", FileSystem::shown(path), yesNo(withHash)));
-        if (!FileSystem::stateOf(path).isFolder)
+        auto disk = DiskPath::of(path, *m_settings);
+        if (!FileSystem::stateOf(disk).isFolder)
             throw pathDoesntExist(path);
         m_io.writeEmptyHeader(Command::AllFilesInFolder, context);
-        recurseFolder(*path, withHash);
+        recurseFolder(*disk, withHash);
         m_io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()), context);
     });
 }

@@ -206,4 +206,18 @@ TEST_F(FileSystemOps, FreeSpaceOfAFileOrATildePathEndsTheSession)
     expectSessionEndsWith(*second, Command::FreeSpace, "Path ~ does not exist.");
 }
 
+TEST_F(FileSystemOps, APathWithANulByteNamesNothing)
+{
+    // Cut at the NUL, each of these would act on keep.txt or its folder.
+    write("keep.txt", "x");
+    const std::string nul = at("keep.txt") + std::string(1, '\0') + "/x";
+    batch(Command::DeleteFiles, {nul}, true);
+    batch(Command::CreateDirectories, {nul}, false);
+    client().sendCommand(Command::RenameFiles, join({number(1), text(at("keep.txt")), text(nul)}));
+    expectDataPacket(client(), Command::RenameFiles, flag(false));
+    EXPECT_EQ(readFile(at("keep.txt")), "x");
+    batch(Command::DeleteFolders, {m_dir + std::string(1, '\0')}, true);
+    EXPECT_TRUE(fs::exists(at("keep.txt")));
+}
+
 } // namespace

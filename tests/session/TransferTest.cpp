@@ -209,6 +209,23 @@ TEST_F(TransferTest, DownloadOfAPathThatIsNotUtf8SendsAnEmptyRecordThenFails)
     EXPECT_TRUE(server.log().contains("Sending: (null). Offset = 0"));
 }
 
+TEST_F(TransferTest, DownloadOfAPathWithANulByteNamesNothing)
+{
+    // The kernel would cut the path at the NUL and send report.txt instead.
+    const auto real = at("report.txt");
+    writeFile(real, "not to be sent");
+    const auto path = real.string() + std::string(1, '\0') + ".new";
+    auto client = server.connect();
+    client->sendCommand(kDownload, downloadFields(1, {{path, 0}}, true));
+
+    EXPECT_TRUE(client->readReply(true).isEmptyHeader);
+    auto record = readRecord(*client);
+    EXPECT_EQ(record.fullName, path);
+    EXPECT_EQ(record.size, 0u);
+    EXPECT_EQ(record.modified, 0);
+    SessionTest::expectSessionEndsWith(*client, kDownload, "Failed to open file: " + path);
+}
+
 TEST_F(TransferTest, DownloadOfAFileThatShrinksEndsTheSessionInsteadOfWaitingForever)
 {
     const auto path = at("shrinking.bin");
@@ -317,6 +334,42 @@ TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
     EXPECT_TRUE(sameBytes(readFile(deep), deepContents));
     for (const auto& p : {tooLong, full, empty, overFolder, deep})
         EXPECT_FALSE(fs::exists(p.string() + ".zandrel")) << p;
+}
+
+TEST_F(TransferTest, UploadToAPathThatNamesNothingDropsTheDataAndTouchesNothing)
+{
+    // "report.txt\0.new" would append to and then delete report.txt; text
+    // that is not UTF-8 would land in a file named "(null)".
+    const auto folder = at("nul");
+    writeFile(folder / "report.txt", "keep me");
+    writeFile(folder / "report.txt.zandrel", "and me");
+    const auto before = fs::current_path();
+    fs::current_path(folder);
+    const auto nul = (folder / "report.txt").string() + std::string(1, '\0') + ".new";
+    Bytes fields = SessionTest::join({SessionTest::flag(true), SessionTest::number(2), SessionTest::text(nul),
+        SessionTest::number(4), SessionTest::number(7), SessionTest::text("d"), SessionTest::number(1), Bytes{0xFF},
+        SessionTest::number(3), SessionTest::number(8), SessionTest::text("d")});
+    auto client = server.connect();
+    client->sendCommand(kUpload, fields);
+
+    EXPECT_EQ(readOffsets(*client), (std::vector<std::int64_t>{0, 0}));
+    client->sendRaw(bytesOf("abcd"));
+    EXPECT_EQ(client->readLong(), 4);
+    EXPECT_EQ(client->readString(), md5(""));
+    client->sendRaw(bytesOf("xyz"));
+    EXPECT_EQ(client->readLong(), 3);
+    EXPECT_EQ(client->readString(), md5(""));
+    expectSessionAlive(*client);
+    fs::current_path(before);
+
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"report.txt", "report.txt.zandrel"}));
+    EXPECT_EQ(readFile(folder / "report.txt"), "keep me");
+    EXPECT_EQ(readFile(folder / "report.txt.zandrel"), "and me");
+    EXPECT_TRUE(server.log().contains("Saved: (null)."));
 }
 
 TEST_F(TransferTest, UploadOfNoFilesAnswersAnEmptyDataPacket)

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+class Settings;
+
+// The one door through which a path a phone sent reaches the disk. Every
+// handler that creates, opens, tests, lists, moves or deletes anything asks
+// here first and treats "nothing" like a path where nothing exists. Display
+// text (an absent path shows as "(null)") is for log lines only and never
+// comes through here. Stateless; any session thread may call it.
+namespace DiskPath {
+
+// The path to use on disk, or nothing when the received text names no file:
+// it was not UTF-8 (absent), or it holds a NUL byte, at which the kernel
+// would cut it and act on another item ("a.txt\0.new" is not "a.txt").
+// The settings are where a narrower rule would come from.
+std::optional<std::string> of(const std::optional<std::string>& received, const Settings& settings);
+
+} // namespace DiskPath
