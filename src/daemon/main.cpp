@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "app/App.h"
 #include "app/SystemLog.h"
@@ -73,6 +75,47 @@ std::shared_ptr<Settings> loadSettings(bool logStderr)
     return settings;
 }
 
+// The defaults are written when there is no settings file; a file still
+// missing afterwards means the home folder refused it, and changes made for
+// this run would be lost without a word.
+void warnIfSettingsUnwritable()
+{
+    namespace fs = std::filesystem;
+    const fs::path file = Settings::preferencesPath();
+    std::error_code ec;
+    if (fs::exists(file, ec))
+        return;
+    fs::path folder = file.parent_path();
+    while (!folder.empty() && folder != folder.root_path() && !fs::is_directory(folder, ec))
+        folder = folder.parent_path();
+    std::cerr << fmt::format("zandrel-syncd: the settings file {} could not be written; serving with the default "
+                             "settings, which are not kept. Make {} writable (or set HOME to a folder that is).\n",
+        file.string(), folder.string());
+}
+
+// Where a phone finds this server: every LAN address with the port.
+std::string servingLine(std::uint16_t port, const Settings& settings)
+{
+    const auto addresses = settings.validIPAddresses();
+    std::string where = addresses.empty() ? std::string("no network address yet (only this computer can connect)")
+                                          : fmt::format("{}", fmt::join(addresses, ", "));
+    return fmt::format("zandrel-syncd serving on port {} at {} (settings: {})", port, where,
+        Settings::preferencesPath());
+}
+
+// A port outside 1024-65535 is replaced by one the system chooses (phones
+// find it through discovery); say so, or the person looks for the wrong one.
+void explainChosenPort(std::uint16_t port, const Settings& settings)
+{
+    const std::int32_t configured = settings.getPort();
+    if (static_cast<std::uint32_t>(configured) - 1024u < 64512u)
+        return;
+    std::cout << fmt::format("zandrel-syncd: port {} in the settings is outside 1024-65535, so the system chose "
+                             "port {}; it changes at every start. Set a port from 1024 to 65535 in {} to keep one.",
+        configured, port, Settings::preferencesPath())
+              << std::endl;
+}
+
 struct Options {
     bool logStderr = false;
     bool discovery = true;
@@ -123,6 +166,7 @@ int main(int argc, char** argv)
 
     sigset_t stopSignals = blockStopSignals();
     auto settings = loadSettings(options.logStderr);
+    warnIfSettingsUnwritable();
     App app(settings);
     app.setDiscoveryEnabled(options.discovery);
     app.start();
@@ -135,8 +179,8 @@ int main(int argc, char** argv)
         app.stop();
         return 1;
     }
-    std::cout << fmt::format("zandrel-syncd serving on port {} (settings: {})", *port, Settings::preferencesPath())
-              << std::endl;
+    std::cout << servingLine(*port, *settings) << std::endl;
+    explainChosenPort(*port, *settings);
 
     int signal = 0;
     sigwait(&stopSignals, &signal);

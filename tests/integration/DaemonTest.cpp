@@ -1,6 +1,6 @@
 // zandrel-syncd as a person runs it: a fresh $HOME gets the default settings
-// file, the start line names the port and the file, log lines go to standard
-// error with --log-stderr, and SIGTERM ends it cleanly.
+// file, the start line names the addresses, the port and the file, log lines
+// go to standard error with --log-stderr, and SIGTERM ends it cleanly.
 
 #include <csignal>
 #include <cstdio>
@@ -129,11 +129,17 @@ TEST_F(DaemonTest, FreshHomeGetsDefaultsAndTheServerAnswers)
     home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
         R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
         R"(<key>port</key><integer>0</integer><key>trace</key><true/></dict></plist>)");
+    ASSERT_TRUE(runIp({"addr", "add", "192.168.1.23/24", "dev", "lo"}));
     Daemon d({"--log-stderr", "--no-discovery"});
-    auto out = d.out("\n");
+    auto out = d.out("to keep one.\n");
     auto port = portFrom(out);
     ASSERT_NE(port, 0) << out;
-    EXPECT_NE(out.find((home.path() / "Library/Preferences/com.orvantics.ZandrelSync.plist").string()), std::string::npos);
+    auto settingsFile = (home.path() / "Library/Preferences/com.orvantics.ZandrelSync.plist").string();
+    const auto portText = std::to_string(port);
+    EXPECT_NE(out.find("serving on port " + portText + " at 192.168.1.23 (settings: " + settingsFile + ")\n"),
+        std::string::npos) << out;
+    EXPECT_NE(out.find("port 0 in the settings is outside 1024-65535, so the system chose port " + portText + ";"),
+        std::string::npos) << out;
 
     SyncClient c;
     c.connect("127.0.0.1", port);
@@ -182,5 +188,20 @@ TEST_F(DaemonTest, BrokenSettingsFileIsNamedAndDefaultsServe)
     EXPECT_NE(err.find("zandrel-syncd: Error reading plist: "), std::string::npos) << err;
     EXPECT_NE(err.find(file.string() + " could not be read"), std::string::npos) << err;
     EXPECT_EQ(readFile(file), "not a settings file<");
+    EXPECT_EQ(d.terminate(), 0);
+}
+
+TEST_F(DaemonTest, UnwritableHomeIsSaidAndDefaultsServe)
+{
+    TempHome home;
+    // A home below a plain file cannot be made, not even by root.
+    auto blocker = home.write("blocker", "");
+    ::setenv("HOME", (blocker / "home").c_str(), 1);
+    Daemon d({"--no-discovery"});
+    EXPECT_EQ(portFrom(d.out("\n")), 35000);
+    auto err = d.err("writable", 5s);
+    EXPECT_NE(err.find((blocker / "home/Library/Preferences/com.orvantics.ZandrelSync.plist").string()
+                  + " could not be written"), std::string::npos) << err;
+    EXPECT_NE(err.find("Make " + home.path().string() + " writable"), std::string::npos) << err;
     EXPECT_EQ(d.terminate(), 0);
 }
