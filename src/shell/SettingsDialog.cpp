@@ -1,11 +1,16 @@
 #include "shell/SettingsDialog.h"
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <QScrollBar>
+#include <QTimer>
 #include <QTextCharFormat>
 #include <QTextCursor>
 
@@ -22,6 +27,9 @@ namespace {
 // Log lines below this level never reach the view. The three log
 // operations use levels 0 to 2, so the view stays empty; kept on purpose.
 constexpr int kLogViewThreshold = 10;
+
+// How often the status line looks at the server while the window is shown.
+constexpr int kStatusRefreshMs = 1000;
 
 // Two saves never overlap, even when the window is reopened (and Save
 // enabled again) before the first has finished.
@@ -55,6 +63,26 @@ SettingsDialog::SettingsDialog(QWidget* parent)
             [this] { controlTextDidChange(m_ui->passwordField); });
     connect(m_ui->saveButton, &QPushButton::clicked, this, &SettingsDialog::save);
     connect(m_ui->cancelButton, &QPushButton::clicked, this, &SettingsDialog::cancel);
+    connect(m_ui->aboutButton, &QPushButton::clicked, this, [this] {
+        if (trayMenu)
+            trayMenu->runAbout();
+    });
+    connect(m_ui->checkForUpdateButton, &QPushButton::clicked, this, [this] {
+        if (trayMenu)
+            trayMenu->openCheckForUpdate();
+    });
+    connect(m_ui->quitButton, &QPushButton::clicked, this, [this] {
+        if (trayMenu)
+            trayMenu->actionQuit();
+    });
+    m_ui->appButtons->hide();
+    m_statusTimer = new QTimer(this);
+    m_statusTimer->setInterval(kStatusRefreshMs);
+    connect(m_statusTimer, &QTimer::timeout, this, [this] {
+        if (isVisible())
+            updateStatusLine();
+    });
+    m_statusTimer->start();
 }
 
 SettingsDialog::~SettingsDialog()
@@ -91,6 +119,36 @@ void SettingsDialog::_updateForm()
     m_ui->enableLoggingCheckbox->setChecked(m_settings->getTrace());
     enforceLoginChoice(m_ui->startOnLoginCheckbox->isChecked());
     updateSaveButton();
+    updateStatusLine();
+}
+
+void SettingsDialog::updateStatusLine()
+{
+    if (!_app || !m_settings)
+        return;
+    const std::optional<std::uint16_t> port = _app->waitUntilRunning(std::chrono::milliseconds(0));
+    const std::int32_t configured = m_settings->getPort();
+    QString status;
+    if (!port) {
+        status = tr("Starting the server...");
+    } else if (*port == 0 && static_cast<std::uint32_t>(configured) - 1024u < 64512u) {
+        status = tr("Port %1 is used by another program, so phones cannot connect. Quit that program, "
+                    "or choose another port and save.")
+                     .arg(configured);
+    } else if (*port == 0) {
+        status = tr("The server could not listen for phones.");
+    } else {
+        const std::vector<std::string> addresses = m_settings->validIPAddresses();
+        status = addresses.empty()
+            ? tr("Serving on port %1, but this computer has no network address yet.").arg(*port)
+            : tr("Serving on port %1 at %2").arg(*port).arg(QString::fromStdString(addresses.front()));
+    }
+    m_ui->statusLine->setText(status);
+}
+
+void SettingsDialog::setAppButtonsVisible(bool visible)
+{
+    m_ui->appButtons->setVisible(visible);
 }
 
 void SettingsDialog::_getAndSetIPAddresses()
@@ -106,6 +164,19 @@ void SettingsDialog::updateSaveButton()
     m_ui->saveButton->setText(tr("Save"));
     m_ui->saveButton->setEnabled(true);
     m_ui->cancelButton->setEnabled(true);
+    showSaveHint(false, false);
+}
+
+void SettingsDialog::showSaveHint(bool passwordMissing, bool portOutOfRange)
+{
+    QString hint;
+    if (passwordMissing && portOutOfRange)
+        hint = tr("Enter a password and a port from 1024 to 65535 to save");
+    else if (passwordMissing)
+        hint = tr("Enter a password to save");
+    else if (portOutOfRange)
+        hint = tr("Enter a port from 1024 to 65535 to save");
+    m_ui->saveHint->setText(hint);
 }
 
 void SettingsDialog::controlTextDidChange(QLineEdit* field)
@@ -128,8 +199,13 @@ void SettingsDialog::controlTextDidChange(QLineEdit* field)
     }
     // value - 1024 as an unsigned 32-bit number below 64512: 1024 to 65535.
     const auto offset = static_cast<std::uint32_t>(intValue(m_ui->portField->text())) - 1024u;
-    if (m_ui->passwordField->text().isEmpty() || offset >= 64512u)
+    const bool passwordMissing = m_ui->passwordField->text().isEmpty();
+    const bool portOutOfRange = offset >= 64512u;
+    if (passwordMissing || portOutOfRange)
         m_ui->saveButton->setEnabled(false);
+    // Saving needs the password typed again after any edit; say so, or the
+    // disabled button looks broken.
+    showSaveHint(passwordMissing, portOutOfRange);
 }
 
 int SettingsDialog::intValue(const QString& text)
@@ -147,6 +223,7 @@ int SettingsDialog::intValue(const QString& text)
 
 void SettingsDialog::save()
 {
+    showSaveHint(false, false);
     m_ui->saveButton->setText(tr("Saving..."));
     m_ui->saveButton->setEnabled(false);
     m_ui->cancelButton->setEnabled(false);
@@ -208,6 +285,8 @@ void SettingsDialog::closeAfterSave()
 {
     // Save keeps its "Saving..." title until the next opening refills the form.
     hide();
+    if (trayMenu)
+        trayMenu->watchServer();
 }
 
 void SettingsDialog::cancel()

@@ -45,6 +45,14 @@ public:
     void logInfo(const QString& text);
     void logMessage(const QString& text);
 
+    // Where the server stands, in the status line under the form: serving
+    // on which port and address, or why not. Refreshed while the window is
+    // shown; public so the status is current the moment it is asked for.
+    void updateStatusLine();
+    // About, Check For Update and Quit in the window itself, for desktops
+    // that show no tray icon.
+    void setAppButtonsVisible(bool visible);
+
     std::shared_ptr<Settings> settings() const { return m_settings; }
     void setSettings(std::shared_ptr<Settings> settings) { m_settings = std::move(settings); }
 
@@ -71,6 +79,7 @@ private:
     void scrollToBottom();
     Form readForm() const;
     void closeAfterSave();
+    void showSaveHint(bool passwordMissing, bool portOutOfRange);
 
     static void saveSub(std::shared_ptr<App> app, std::shared_ptr<Settings> settings, Form form,
                         std::shared_ptr<GuiRelay<SettingsDialog>> relay);
@@ -83,4 +92,5 @@ private:
     std::shared_ptr<App> _app;
     std::shared_ptr<Settings> m_settings;
     TrayMenu* trayMenu = nullptr;
+    class QTimer* m_statusTimer = nullptr;
 };

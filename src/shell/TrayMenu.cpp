@@ -1,5 +1,8 @@
 #include "shell/TrayMenu.h"
 
+#include <chrono>
+#include <cstdint>
+#include <optional>
 
 #include <QApplication>
 #include <QCursor>
@@ -60,6 +63,28 @@ void TrayMenu::applicationDidFinishLaunching()
     checkForUpdate(m_notifier);
     showStatusItem();
     _app->start();
+    watchServer();
+}
+
+void TrayMenu::watchServer()
+{
+    if (_app)
+        BackgroundJobs::start([app = _app, notifier = m_notifier] { _watchServer(app, notifier); });
+}
+
+void TrayMenu::_watchServer(const std::shared_ptr<App>& app, const std::shared_ptr<Notifier>& notifier)
+{
+    const std::optional<std::uint16_t> port = app->waitUntilRunning(std::chrono::seconds(30));
+    if (!port || *port != 0 || !notifier)
+        return;
+    const std::int32_t configured = app->settings()->getPort();
+    const QString message = static_cast<std::uint32_t>(configured) - 1024u < 64512u
+        ? tr("Port %1 is used by another program, so phones cannot connect. Quit that program, "
+             "or choose another port in the settings.")
+              .arg(configured)
+        : tr("The server could not listen for phones.");
+    notifier->notify(QT_TRANSLATE_NOOP("DesktopNotifier", "Zandrel Sync Is Not Serving"), message.toStdString(),
+                     "SERVERERROR");
 }
 
 void TrayMenu::showStatusItem()
@@ -103,11 +128,13 @@ void TrayMenu::_genMainMenu()
 void TrayMenu::openSettings()
 {
     if (m_settingsWindow) {
+        m_settingsWindow->setAppButtonsVisible(!QSystemTrayIcon::isSystemTrayAvailable());
         m_settingsWindow->_updateForm();
         bringToFront(m_settingsWindow.get());
         return;
     }
     m_settingsWindow = std::make_unique<SettingsDialog>();
+    m_settingsWindow->setAppButtonsVisible(!QSystemTrayIcon::isSystemTrayAvailable());
     bringToFront(m_settingsWindow.get());
     _app->addSettingsDialog(m_settingsWindow->progressView());
     m_settingsWindow->addApp(_app, this);

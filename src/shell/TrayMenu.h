@@ -42,6 +42,11 @@ public:
     // new one and checks again.
     void updateWindowWillClose(UpdateDialog* window);
 
+    // After each start of the server: a worker waits for it to come up and,
+    // when it could not listen, says so in a desktop notification.
+    void watchServer();
+    static void _watchServer(const std::shared_ptr<App>& app, const std::shared_ptr<Notifier>& notifier);
+
     // Any thread: starts the silent check on a thread of its own.
     static void checkForUpdate(std::shared_ptr<Notifier> notifier);
     // Worker thread: posts "UPDATE" through the notifier when a newer

@@ -11,6 +11,9 @@
 #include <QTranslator>
 
 #include "app/SystemLog.h"
+#include "session/SocketServer.h"
+#include "shell/SingleInstance.h"
+#include "shell/StopSignals.h"
 #include "shell/TrayIcon.h"
 #include "shell/TrayMenu.h"
 
@@ -89,7 +92,25 @@ int main(int argc, char* argv[])
     QApplication::setQuitOnLastWindowClosed(false);
     loadTranslations(app);
 
-    TrayMenu trayMenu;
-    QTimer::singleShot(0, &trayMenu, &TrayMenu::applicationDidFinishLaunching);
-    return QApplication::exec();
+    // A second launch (from the application menu, on a desktop without a
+    // tray) shows the running instance's window instead of a second server.
+    SingleInstance instance;
+    if (!instance.claim()) {
+        std::puts("ZandrelSync is already running; its settings window has been opened.");
+        return EXIT_SUCCESS;
+    }
+
+    auto trayMenu = std::make_unique<TrayMenu>();
+    StopSignals stopSignals;
+    QObject::connect(&stopSignals, &StopSignals::received, trayMenu.get(), &TrayMenu::actionQuit);
+    QObject::connect(&instance, &SingleInstance::showRequested, trayMenu.get(), [menu = trayMenu.get()] {
+        if (menu->app())
+            menu->openSettings();
+    });
+    QTimer::singleShot(0, trayMenu.get(), &TrayMenu::applicationDidFinishLaunching);
+    const int status = QApplication::exec();
+    // The server stops with the menu; its sessions end on their own threads.
+    trayMenu.reset();
+    SocketServer::waitForAllSessions(std::chrono::seconds(3));
+    return status;
 }

@@ -97,20 +97,29 @@ TEST_F(SettingsDialogTest, PortFieldKeepsOnlyDigits)
     EXPECT_EQ(port()->cursorPosition(), 1);
 }
 
-TEST_F(SettingsDialogTest, SaveNeedsAPasswordAndAPortFrom1024To65535AfterAnEdit)
+TEST_F(SettingsDialogTest, SaveNeedsAPasswordAndAPortFrom1024To65535AfterAnEditAndSaysSo)
 {
+    auto* hint = control<QLabel>("saveHint");
     EXPECT_TRUE(saveButton()->isEnabled()) << "before any edit, even with an empty password";
+    EXPECT_TRUE(hint->text().isEmpty());
     type(password(), "secret");
     for (const char* text : {"1023", "65536", "0", "99999999999"}) {
         type(port(), text);
         EXPECT_FALSE(saveButton()->isEnabled()) << text;
+        EXPECT_EQ(hint->text(), "Enter a port from 1024 to 65535 to save") << text;
     }
     for (const char* text : {"1024", "65535"}) {
         type(port(), text);
         EXPECT_TRUE(saveButton()->isEnabled()) << text;
+        EXPECT_TRUE(hint->text().isEmpty()) << text;
     }
     type(password(), "");
     EXPECT_FALSE(saveButton()->isEnabled());
+    EXPECT_EQ(hint->text(), "Enter a password to save");
+    type(port(), "1");
+    EXPECT_EQ(hint->text(), "Enter a password and a port from 1024 to 65535 to save");
+    m_dialog->_updateForm();
+    EXPECT_TRUE(hint->text().isEmpty()) << "a refilled form starts without a hint";
 }
 
 TEST_F(SettingsDialogTest, SaveRestartsTheServerOnTheNewPortAndWritesTheFile)
@@ -210,6 +219,8 @@ TEST_F(TwoAddressesTest, ChosenAddressBecomesTheLastIPAndIsListedFirstNextTime)
     if (popup->count() < 2)
         GTEST_SKIP() << "needs two IPv4 addresses: run inside a private network namespace";
     EXPECT_EQ(popup->currentIndex(), 0);
+    EXPECT_EQ(control<QLabel>("statusLine")->text(),
+              QStringLiteral("Serving on port %1 at %2").arg(m_settings->getPort()).arg(popup->itemText(0)));
     const QString second = popup->itemText(1);
     popup->setCurrentIndex(1);
     save();

@@ -1,5 +1,6 @@
 // Renders what a person sees of the tray application to PNG files: the
-// settings window, the open tray menu and the about window. Run under a
+// settings window (serving, with a disabled Save and its hint, and with its
+// port taken by another program), the open tray menu and the about window. Run under a
 // virtual X server by screenshots.sh; the update check points at a closed
 // local port, so nothing leaves the machine.
 
@@ -9,11 +10,15 @@
 #include <QAction>
 #include <QApplication>
 #include <QDir>
+#include <QLineEdit>
 #include <QMenu>
 #include <QTcpServer>
+#include <QTest>
 #include <QTimer>
 
+#include "app/App.h"
 #include "app/UIBridge.h"
+#include "settings/Settings.h"
 #include "shell/AboutDialog.h"
 #include "shell/SettingsDialog.h"
 #include "shell/TrayIcon.h"
@@ -59,9 +64,25 @@ int main(int argc, char* argv[])
     tray.openSettings();
 
     int failures = 0;
+    QTcpServer otherProgram;
     QTimer::singleShot(kSettleMs, [&] {
-        failures += !save(tray.settingsWindow(), out + "/settings.png");
-        tray.settingsWindow()->hide();
+        SettingsDialog* window = tray.settingsWindow();
+        window->updateStatusLine();
+        failures += !save(window, out + "/settings.png");
+        // An edit without a password: Save is disabled and says why.
+        auto* port = window->findChild<QLineEdit*>("portField");
+        port->selectAll();
+        QTest::keyClicks(port, "35001");
+        failures += !save(window, out + "/settings-save-hint.png");
+        // Another program holds the port when the server restarts.
+        otherProgram.listen(QHostAddress::AnyIPv4, 0);
+        tray.app()->stop();
+        tray.app()->settings()->setPort(otherProgram.serverPort());
+        tray.app()->start();
+        tray.app()->waitUntilRunning(std::chrono::seconds(5));
+        window->_updateForm();
+        failures += !save(window, out + "/settings-port-in-use.png");
+        window->hide();
         tray.menu()->popup(QPoint(60, 40));
         tray.menu()->setActiveAction(tray.menu()->actions().front());
     });

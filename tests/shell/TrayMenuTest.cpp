@@ -6,6 +6,8 @@
 #include <QLabel>
 #include <QMenu>
 #include <QPointer>
+#include <QPushButton>
+#include <QTcpServer>
 #include <QSystemTrayIcon>
 #include <gtest/gtest.h>
 
@@ -76,6 +78,36 @@ TEST_F(TrayMenuTest, LaunchStartsTheServerAndWithoutATrayShowsTheSettings)
     EXPECT_TRUE(m_tray->settingsWindow()->isVisible());
     EXPECT_TRUE(m_log.contains("No system tray available; showing the settings window instead"));
     EXPECT_TRUE(m_tray->statusItem()->isVisible()) << "ready for a tray that comes up later";
+
+    // Without a tray the window itself offers the menu's other entries.
+    ASSERT_TRUE(m_tray->settingsWindow()->findChild<QWidget*>("appButtons")->isVisible());
+    m_tray->settingsWindow()->findChild<QPushButton*>("aboutButton")->click();
+    EXPECT_NE(m_tray->aboutWindow(), nullptr);
+    m_tray->settingsWindow()->findChild<QPushButton*>("checkForUpdateButton")->click();
+    EXPECT_TRUE(waitUntil([&] { return m_tray->updateWindow() != nullptr; }));
+}
+
+TEST_F(TrayMenuTest, APortInUseIsNotifiedAndShownInTheStatusLine)
+{
+    QTcpServer other;
+    ASSERT_TRUE(other.listen(QHostAddress::AnyIPv4, freePort()));
+    auto app = m_tray->app();
+    ASSERT_TRUE(app->waitUntilRunning(std::chrono::seconds(5)).value_or(0) > 0);
+    // As a save does: stop, the new port, start.
+    app->stop();
+    app->settings()->setPort(other.serverPort());
+    app->start();
+    m_tray->watchServer();
+    ASSERT_TRUE(waitUntil([&] { return !m_notifier->notices().empty(); }));
+    const auto notice = m_notifier->notices().back();
+    EXPECT_EQ(notice.name, "SERVERERROR");
+    EXPECT_EQ(notice.title, "Zandrel Sync Is Not Serving");
+    const std::string inUse = "Port " + std::to_string(other.serverPort()) + " is used by another program";
+    EXPECT_EQ(notice.description.rfind(inUse, 0), 0u) << notice.description;
+
+    m_tray->openSettings();
+    EXPECT_TRUE(m_tray->settingsWindow()->findChild<QLabel*>("statusLine")->text().startsWith(
+        QString::fromStdString(inUse)));
 }
 
 TEST_F(TrayMenuTest, OpenSettingsTwiceMakesOneDialog)

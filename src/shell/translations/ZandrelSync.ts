@@ -37,6 +37,10 @@
         <source>Update Available</source>
         <translation type="unfinished"></translation>
     </message>
+    <message>
+        <source>Zandrel Sync Is Not Serving</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 <context>
     <name>MainMenu</name>
@@ -108,6 +112,22 @@
         <source>Save</source>
         <translation type="unfinished"></translation>
     </message>
+    <message>
+        <source>About</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Check For Update</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Quit</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Click to Quit this App</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 <context>
     <name>SettingsDialog</name>
@@ -117,6 +137,38 @@
     </message>
     <message>
         <source>Saving...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Starting the server...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Port %1 is used by another program, so phones cannot connect. Quit that program, or choose another port and save.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>The server could not listen for phones.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Serving on port %1, but this computer has no network address yet.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Serving on port %1 at %2</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Enter a password and a port from 1024 to 65535 to save</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Enter a password to save</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Enter a port from 1024 to 65535 to save</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
@@ -144,6 +196,14 @@
     </message>
     <message>
         <source>Click to Quit this App</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Port %1 is used by another program, so phones cannot connect. Quit that program, or choose another port in the settings.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>The server could not listen for phones.</source>
         <translation type="unfinished"></translation>
     </message>
 </context>

@@ -1,0 +1,89 @@
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <gtest/gtest.h>
+
+#include "ShellTestSupport.h"
+#include "support/TestSupport.h"
+#include "shell/SingleInstance.h"
+
+namespace {
+
+TEST(SingleInstanceTest, ASecondClaimAsksTheFirstToShowItsWindow)
+{
+    TempHome home;
+    const QString path = QString::fromStdString((home.path() / "instance.socket").string());
+    // A socket file left by an instance that was killed is no obstacle.
+    std::ofstream(path.toStdString()) << "stale";
+    SingleInstance first(path);
+    ASSERT_TRUE(first.claim());
+    int requests = 0;
+    QObject::connect(&first, &SingleInstance::showRequested, [&] { ++requests; });
+
+    // The second launch blocks while it asks, so it runs beside the loop
+    // that lets the first one answer.
+    std::atomic<int> secondClaimed{-1};
+    std::thread second([&] { secondClaimed = SingleInstance(path).claim() ? 1 : 0; });
+    EXPECT_TRUE(waitUntil([&] { return secondClaimed != -1; }));
+    second.join();
+    EXPECT_EQ(secondClaimed, 0);
+    EXPECT_EQ(requests, 1);
+}
+
+// The tray application as a desktop session runs it.
+class TrayProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_port = freePort();
+        m_home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
+                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>port</key><integer>"
+                         + std::to_string(m_port) + "</integer><key>trace</key><true/>"
+                         "<key>startOnLogin</key><false/></dict></plist>");
+    }
+
+    // Started with its own runtime folder, so it meets no other instance.
+    void launch(QProcess& process)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_RUNTIME_DIR", QString::fromStdString(m_home.path().string()));
+        process.setProcessEnvironment(env);
+        process.start(ZANDREL_TRAY_APP, {"--log-stderr"});
+        ASSERT_TRUE(process.waitForStarted());
+    }
+
+    TempHome m_home;
+    std::uint16_t m_port = 0;
+};
+
+TEST_F(TrayProcessTest, ASecondLaunchLeavesAndSIGTERMQuitsLikeQuit)
+{
+    QProcess first;
+    launch(first);
+    QByteArray log;
+    ASSERT_TRUE(waitUntil([&] {
+        first.waitForReadyRead(100);
+        log += first.readAllStandardError();
+        return log.contains("Server started on port " + QByteArray::number(m_port));
+    }, std::chrono::seconds(20))) << log.toStdString();
+
+    QProcess second;
+    launch(second);
+    ASSERT_TRUE(second.waitForFinished(10000));
+    EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_TRUE(second.readAllStandardOutput().contains("already running")) ;
+    EXPECT_FALSE(second.readAllStandardError().contains("Server started")) << "no second server";
+
+    first.terminate();
+    ASSERT_TRUE(first.waitForFinished(10000));
+    EXPECT_EQ(first.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(first.exitCode(), 0);
+    log += first.readAllStandardError();
+    EXPECT_TRUE(log.contains("Stopped Echo server\n")) << log.toStdString();
+}
+
+} // namespace
