@@ -36,6 +36,8 @@ constexpr int kSettleMs = 600;
 
 bool save(QWidget* widget, const QString& path)
 {
+    // Lets the layout follow a text that just changed.
+    QCoreApplication::processEvents();
     const bool ok = widget->grab().save(path);
     std::printf("%s %s\n", ok ? "wrote" : "could not write", qPrintable(path));
     return ok;
