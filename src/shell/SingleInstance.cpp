@@ -36,7 +36,10 @@ bool SingleInstance::claim()
     // in the way of listening.
     QLocalServer::removeServer(m_socketPath);
     m_server.setSocketOptions(QLocalServer::UserAccessOption);
-    return m_server.listen(m_socketPath);
+    // Where no socket can be made (a read-only runtime folder) the
+    // application still runs, only without the guard.
+    m_server.listen(m_socketPath);
+    return true;
 }
 
 bool SingleInstance::askRunningInstance()

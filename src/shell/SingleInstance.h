@@ -14,8 +14,8 @@ public:
     // `socketPath` defaults to one socket per user in the runtime folder.
     explicit SingleInstance(QString socketPath = defaultSocketPath(), QObject* parent = nullptr);
 
-    // True when this process is now the instance (it listens from here on);
-    // false when another one runs and has been asked to show its window.
+    // False when another instance runs and has been asked to show its
+    // window; true otherwise (this process listens from here on).
     bool claim();
 
     static QString defaultSocketPath();

@@ -31,6 +31,9 @@ TEST(SingleInstanceTest, ASecondClaimAsksTheFirstToShowItsWindow)
     second.join();
     EXPECT_EQ(secondClaimed, 0);
     EXPECT_EQ(requests, 1);
+
+    // Where no socket can be made the application runs all the same.
+    EXPECT_TRUE(SingleInstance(QString::fromStdString((home.path() / "missing/instance.socket").string())).claim());
 }
 
 // The tray application as a desktop session runs it.
