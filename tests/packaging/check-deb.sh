@@ -2,7 +2,8 @@
 # Builds the .deb from a finished build, unpacks it into a scratch root and
 # checks what a person installing it gets: the three programs, the user
 # unit (accepted by systemd-analyze where it exists), the desktop entry, the
-# icon, the man pages and the dependencies.
+# icon, the man pages and the dependencies; then installs below another
+# prefix and checks the unit there.
 # Usage: check-deb.sh <build-dir>
 set -uo pipefail
 
@@ -57,6 +58,16 @@ if command -v systemd-analyze >/dev/null; then
   fi
 else
   echo "systemd-analyze is not installed: the unit is not verified"
+fi
+
+# Below another prefix the unit goes where the user manager looks for it
+# there, and names the program where it went.
+local="$scratch/local"
+if cmake --install "$build" --prefix "$local" >/dev/null 2>&1; then
+  grep -qx "ExecStart=$local/bin/zandrel-syncd" "$local/share/systemd/user/zandrel-syncd.service" \
+    || fail "cmake --install --prefix does not put a unit for $local/bin/zandrel-syncd in share/systemd/user"
+else
+  fail "cmake --install --prefix failed"
 fi
 
 echo "package: $(basename "$deb"), $(dpkg-deb -c "$deb" | grep -vc '/$') files"
