@@ -4,6 +4,7 @@
 
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QTcpSocket>
 #include <gtest/gtest.h>
 
 #include "ShellTestSupport.h"
@@ -71,18 +72,24 @@ TEST_F(TrayProcessTest, ASecondLaunchLeavesAndSIGTERMQuitsLikeQuit)
     QProcess first;
     launch(first);
     QByteArray log;
-    ASSERT_TRUE(waitUntil([&] {
-        first.waitForReadyRead(100);
-        log += first.readAllStandardError();
-        return log.contains("Server started on port " + QByteArray::number(m_port));
-    }, std::chrono::seconds(20))) << log.toStdString();
+    auto logShows = [&](const QByteArray& line) {
+        return waitUntil([&] {
+            first.waitForReadyRead(100);
+            log += first.readAllStandardError();
+            return log.contains(line);
+        }, std::chrono::seconds(20));
+    };
+    ASSERT_TRUE(logShows("Server started on port " + QByteArray::number(m_port))) << log.toStdString();
+    QTcpSocket phone;
+    phone.connectToHost(QHostAddress::LocalHost, m_port);
+    ASSERT_TRUE(logShows("Added connection.\n")) << log.toStdString();
 
     QProcess second;
     launch(second);
     ASSERT_TRUE(second.waitForFinished(10000));
     EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.exitCode(), 0);
-    EXPECT_TRUE(second.readAllStandardOutput().contains("already running")) ;
+    EXPECT_TRUE(second.readAllStandardOutput().contains("already running"));
     EXPECT_FALSE(second.readAllStandardError().contains("Server started")) << "no second server";
 
     first.terminate();
@@ -91,6 +98,7 @@ TEST_F(TrayProcessTest, ASecondLaunchLeavesAndSIGTERMQuitsLikeQuit)
     EXPECT_EQ(first.exitCode(), 0);
     log += first.readAllStandardError();
     EXPECT_TRUE(log.contains("Stopped Echo server\n")) << log.toStdString();
+    EXPECT_TRUE(log.contains("Connection closed.\n")) << "the phone's session ended: " << log.toStdString();
 }
 
 } // namespace
