@@ -21,7 +21,8 @@ namespace {
 
 const char* const kUsage =
     "Usage: ZandrelSync [--log-stderr]\n"
-    "The Zandrel Sync server as a tray application.\n"
+    "The Zandrel Sync server as a tray application. Launched again while it\n"
+    "runs, it opens the running one's settings window instead.\n"
     "\n"
     "  --log-stderr  write the log lines to standard error instead of the system log\n"
     "  --help        show this text and exit\n"
