@@ -1,0 +1,69 @@
+// Loads arbitrary bytes as the settings file, the way every start does:
+// XML or binary property list, lenient key readings, identifier built from
+// whatever was read. Runs in a temporary $HOME of its own.
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "app/SystemLog.h"
+#include "settings/PlistFile.h"
+#include "settings/Settings.h"
+
+namespace {
+
+class DropLines : public LogSink {
+public:
+    void write(std::string_view) override {}
+};
+
+std::string g_file;
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    char pattern[] = "/tmp/zandrel-fuzz-settings-XXXXXX";
+    const char* home = ::mkdtemp(pattern);
+    if (!home)
+        std::abort();
+    ::setenv("HOME", home, 1);
+    ::setenv("XDG_CONFIG_HOME", (std::string(home) + "/.config").c_str(), 1);
+    SystemLog::setSink(std::make_shared<DropLines>());
+    g_file = Settings::preferencesPath();
+    std::filesystem::create_directories(std::filesystem::path(g_file).parent_path());
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
+{
+    {
+        std::ofstream out(g_file, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+    }
+    // Both halves of a load: the raw reading and the store's key rules.
+    PlistFile::ReadResult read = PlistFile::readDictionary(g_file);
+    if (read.root) {
+        // Every reading of every value, whatever key it sits under.
+        auto dict = static_cast<plist_t>(read.root.get());
+        plist_dict_iter iter = nullptr;
+        plist_dict_new_iter(dict, &iter);
+        for (;;) {
+            char* key = nullptr;
+            plist_t node = nullptr;
+            plist_dict_next_item(dict, iter, &key, &node);
+            std::free(key);
+            if (!node)
+                break;
+            PlistFile::stringValue(node);
+            PlistFile::intValue(node);
+            PlistFile::boolValue(node);
+        }
+        std::free(iter);
+    }
+    Settings settings{Settings::NoLoginItems{}};
+    settings.getIdentifier();
+    return 0;
+}
