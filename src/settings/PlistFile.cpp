@@ -20,11 +20,6 @@ namespace PlistFile {
 
 namespace {
 
-struct CharFree {
-    void operator()(char* p) const { std::free(p); }
-};
-using CString = std::unique_ptr<char, CharFree>;
-
 std::optional<std::string> readAll(const std::string& path, std::string& error)
 {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -130,10 +125,11 @@ std::optional<std::string> stringValue(plist_t node)
 {
     switch (plist_get_node_type(node)) {
     case PLIST_STRING: {
-        char* raw = nullptr;
-        plist_get_string_val(node, &raw);
-        CString s(raw);
-        return s ? std::string(s.get()) : std::string();
+        // By pointer and length: a string that holds U+0000 (possible in a
+        // binary file) makes the copying getter abort the process.
+        uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        return text ? std::string(text, static_cast<std::size_t>(length)) : std::string();
     }
     case PLIST_BOOLEAN:
         return std::string(plist_bool_val_is_true(node) ? "1" : "0");

@@ -202,6 +202,14 @@ TEST_F(SettingsTest, BinaryFileIsRead)
     EXPECT_EQ(s.getHashedPassword(), "0123456789ABCDEF0123456789ABCDEF");
     EXPECT_EQ(s.getPort(), 4242);
     EXPECT_TRUE(s.getTrace());
+
+    // A UTF-16 string holding U+0000 is read whole instead of ending the process.
+    const char withNul[] = "bplist00\xd1\x01\x02XbasePathc\x00\xe9\x00\x00\x00\x62\x08\x0b\x14"
+                           "\x00\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x03"
+                           "\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x1b";
+    writePrefs(std::string(withNul, sizeof withNul - 1));
+    Settings nul{Settings::NoLoginItems{}};
+    EXPECT_EQ(nul.getBasePath(), std::string("\xc3\xa9\x00" "b", 4));
 }
 
 TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
