@@ -40,6 +40,11 @@ ItemAttributes ItemAttributes::read(const std::string& path)
     struct statx stx {};
     if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &stx) != 0)
         return errno == ENOSYS || errno == EPERM ? readWithLstat(path) : ItemAttributes{};
+    return fromStatx(stx);
+}
+
+ItemAttributes ItemAttributes::fromStatx(const struct statx& stx)
+{
     ItemAttributes attrs;
     attrs.size = stx.stx_size;
     attrs.modified = wholeSeconds(stx.stx_mtime.tv_sec, stx.stx_mtime.tv_nsec);

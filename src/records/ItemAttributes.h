@@ -3,6 +3,9 @@
 #include <cstdint>
 #include <string>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 // What the records read from the disk about one item. A final symbolic link
 // is examined itself, never followed.
 struct ItemAttributes {
@@ -14,6 +17,8 @@ struct ItemAttributes {
 
     // Never fails: an item whose attributes cannot be read gives all zeros.
     static ItemAttributes read(const std::string& path);
+    // From a statx already made (with STATX_BASIC_STATS | STATX_BTIME).
+    static ItemAttributes fromStatx(const struct statx& stx);
 };
 
 // True when this process may write the item.

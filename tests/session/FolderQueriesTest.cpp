@@ -220,6 +220,18 @@ TEST_F(FolderQueries, WalkWithDigests)
     checkWalk(true);
 }
 
+// More files than are digested ahead still come in walk order, and a damaged
+// digest cache costs one log line, not the walk.
+TEST_F(FolderQueries, WalkWithDigestsOfManyFilesOverADamagedCache)
+{
+    m_server.home().write(".cache/zandrel/digests.sqlite", std::string(4096, 'x'));
+    for (int i = 0; i < 150; ++i)
+        m_server.home().write("tree/many/f" + std::to_string(i) + ".txt", i % 3 ? "hello" : "");
+    checkWalk(true);
+    EXPECT_TRUE(log().contains("Digest cache " + home() + "/.cache/zandrel/digests.sqlite was damaged and has been "
+                               "rebuilt."));
+}
+
 TEST_F(FolderQueries, WalkOfAnEmptyFolderIsItsRecordAndTheEndMarker)
 {
     fs::create_directories(m_root);

@@ -13,14 +13,9 @@ namespace fs = std::filesystem;
 
 TempHome::TempHome()
 {
-    if (const char* h = std::getenv("HOME")) {
-        m_hadHome = true;
-        m_oldHome = h;
-    }
-    if (const char* x = std::getenv("XDG_CONFIG_HOME")) {
-        m_hadXdg = true;
-        m_oldXdg = x;
-    }
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
+        if (const char* value = std::getenv(name))
+            m_saved.emplace_back(name, value);
     std::string tmpl = (fs::temp_directory_path() / "zandrel-home-XXXXXX").string();
     char* made = ::mkdtemp(tmpl.data());
     if (!made)
@@ -28,20 +23,18 @@ TempHome::TempHome()
     m_path = made;
     ::setenv("HOME", m_path.c_str(), 1);
     ::setenv("XDG_CONFIG_HOME", (m_path / ".config").c_str(), 1);
+    // The digest cache too: no test writes to the real one.
+    ::setenv("XDG_CACHE_HOME", (m_path / ".cache").c_str(), 1);
 }
 
 TempHome::~TempHome()
 {
     std::error_code ec;
     fs::remove_all(m_path, ec);
-    if (m_hadHome)
-        ::setenv("HOME", m_oldHome.c_str(), 1);
-    else
-        ::unsetenv("HOME");
-    if (m_hadXdg)
-        ::setenv("XDG_CONFIG_HOME", m_oldXdg.c_str(), 1);
-    else
-        ::unsetenv("XDG_CONFIG_HOME");
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
+        ::unsetenv(name);
+    for (const auto& [name, value] : m_saved)
+        ::setenv(name.c_str(), value.c_str(), 1);
 }
 
 fs::path TempHome::write(const std::string& relative, const std::string& contents) const

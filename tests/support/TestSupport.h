@@ -4,12 +4,15 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "app/SystemLog.h"
 
-// A fresh temporary folder used as $HOME (and XDG_CONFIG_HOME below it) for
+// A fresh temporary folder used as $HOME (and XDG_CONFIG_HOME and
+// XDG_CACHE_HOME below it) for
 // the life of the object; the old values come back and the folder goes.
 class TempHome {
 public:
@@ -24,10 +27,8 @@ public:
 
 private:
     std::filesystem::path m_path;
-    std::string m_oldHome;
-    std::string m_oldXdg;
-    bool m_hadHome = false;
-    bool m_hadXdg = false;
+    // The variables as they were before.
+    std::vector<std::pair<std::string, std::string>> m_saved;
 };
 
 // Installs a capturing log sink for the life of the object.
