@@ -2,39 +2,26 @@
 
 #include <algorithm>
 #include <ctime>
+#include <map>
+#include <optional>
 #include <ostream>
 
 #include <fmt/format.h>
 
 #include "client/Discovery.h"
-#include "client/Downloader.h"
 #include "client/HostIdentity.h"
+#include "client/Json.h"
 #include "client/ProgressMeter.h"
 #include "client/ProtocolClient.h"
-#include "client/Uploader.h"
+#include "wire/Paths.h"
 
 namespace ClientCommands {
 
 namespace {
 
-// Arguments that cannot work, found before anything is sent.
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 std::string where(const Target& target)
 {
     return target.host + ":" + std::to_string(target.port);
-}
-
-// Only the existence test and the default folder expand "~" on the server;
-// every other command would take it, or a relative path, literally.
-void requireAbsolute(const std::string& path)
-{
-    if (path.empty() || path.front() != '/')
-        throw UsageError("remote paths must be absolute (start with /): " + path
-            + (path.starts_with("~") ? "; the server does not expand ~ for this command" : ""));
 }
 
 std::string dateText(std::int64_t seconds)
@@ -52,34 +39,44 @@ std::string orDefaultPath(ProtocolClient& client, const std::string& path)
     if (path.empty())
         return client.defaultPath();
     requireAbsolute(path);
-    // Children are named folder + "/" + name on the server; a trailing
-    // slash would leave their parent text unlike the folder's own.
+    return trimmed(path);
+}
+
+} // namespace
+
+// Only the existence test and the default folder expand "~" on the server;
+// every other command would take it, or a relative path, literally.
+void requireAbsolute(const std::string& path)
+{
+    if (path.empty() || path.front() != '/')
+        throw UsageError("remote paths must be absolute (start with /): " + path
+            + (path.starts_with("~") ? "; the server does not expand ~ for this command" : ""));
+}
+
+// Children are named folder + "/" + name on the server; a trailing slash
+// would leave their parent text unlike the folder's own.
+std::string trimmed(const std::string& path)
+{
     auto end = path.find_last_not_of('/');
     return end == std::string::npos ? std::string("/") : path.substr(0, end + 1);
 }
 
-int reportBatch(bool ok, const std::string& what, Console& console)
+void say(Console& console, const std::string& line)
 {
-    if (ok)
-        return Ok;
-    console.err << "zandrel: the server could not " << what << "\n";
-    return Failed;
+    if (console.progress)
+        console.progress->clear();
+    console.out << line << "\n";
+    console.out.flush();
 }
 
-template <typename Outcome>
-int reportTransfers(const std::vector<Outcome>& outcomes, const char* verb, Console& console)
+void complain(Console& console, const std::string& line)
 {
-    int result = Ok;
-    for (const auto& o : outcomes) {
-        if (!o.error.empty()) {
-            console.err << "zandrel: " << verb << " failed: " << o.error << "\n";
-            result = Failed;
-        }
-    }
-    return result;
+    if (console.progress)
+        console.progress->clear();
+    console.out.flush();
+    console.err << "zandrel: " << line << "\n";
+    console.err.flush();
 }
-
-} // namespace
 
 void open(ProtocolClient& client, const Target& target)
 {
@@ -176,7 +173,51 @@ int defaultPath(const Target& target, Console& console)
     });
 }
 
-int list(const Target& target, const std::string& path, Console& console)
+namespace {
+
+std::string fileJson(const RemoteFile& f, bool withHash)
+{
+    std::string out = fmt::format("{{\"path\": {}, \"name\": {}, \"type\": \"file\", \"size\": {}, \"modified\": {}, "
+                                  "\"created\": {}, \"hidden\": {}, \"readonly\": {}",
+        Json::quote(f.fullName), Json::quote(f.name), f.size, f.modified, f.created, f.hidden, f.readonly);
+    if (withHash)
+        out += ", \"md5\": " + Json::quote(f.hash);
+    return out + "}";
+}
+
+std::string folderJson(const RemoteFolder& f)
+{
+    return fmt::format("{{\"path\": {}, \"name\": {}, \"type\": \"folder\", \"modified\": {}, \"created\": {}, "
+                       "\"hidden\": {}, \"readonly\": {}, \"files\": {}}}",
+        Json::quote(f.fullName), Json::quote(f.name), f.modified, f.created, f.hidden, f.readonly, f.fileCount);
+}
+
+template <typename Items, typename ToJson>
+std::string jsonArray(const Items& items, ToJson toJson)
+{
+    std::string out = "[";
+    for (const auto& item : items)
+        out += (out.size() > 1 ? ", " : "") + toJson(item);
+    return out + "]";
+}
+
+// The file at `path`, found in its folder's listing (asking the server for
+// a folder that is not there would end the session).
+std::optional<RemoteFile> findFile(ProtocolClient& client, const std::string& path)
+{
+    auto folder = Paths::deletingLastPathComponent(path);
+    auto name = Paths::lastPathComponent(path);
+    if (folder.empty() || !client.pathExists(folder))
+        return std::nullopt;
+    for (auto& f : client.filesInFolder(folder))
+        if (f.name == name)
+            return f;
+    return std::nullopt;
+}
+
+} // namespace
+
+int list(const Target& target, const std::string& path, bool json, Console& console)
 {
     return guard(target, console, [&] {
         if (!path.empty())
@@ -184,10 +225,28 @@ int list(const Target& target, const std::string& path, Console& console)
         ProtocolClient client;
         open(client, target);
         auto folder = orDefaultPath(client, path);
+        if (!client.pathExists(folder)) {
+            auto file = findFile(client, folder);
+            if (!file) {
+                complain(console, "ls: no such file or folder on the server: " + folder);
+                return int(Failed);
+            }
+            if (json)
+                say(console, fileJson(*file, false));
+            else
+                say(console, fmt::format("{} is a file, {} bytes, modified {}", folder, file->size, dateText(file->modified)));
+            return int(Ok);
+        }
         auto folders = client.foldersInFolder(folder);
         auto files = client.filesInFolder(folder);
         std::sort(folders.begin(), folders.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
         std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+        if (json) {
+            say(console, fmt::format("{{\"path\": {}, \"type\": \"folder\", \"folders\": {}, \"files\": {}}}",
+                Json::quote(folder), jsonArray(folders, folderJson),
+                jsonArray(files, [](const RemoteFile& f) { return fileJson(f, false); })));
+            return int(Ok);
+        }
         for (const auto& f : folders)
             console.out << fmt::format("d  {:<16}  {:>14}  {}/\n", dateText(f.modified), "-", f.name);
         for (const auto& f : files)
@@ -196,7 +255,93 @@ int list(const Target& target, const std::string& path, Console& console)
     });
 }
 
-int tree(const Target& target, const std::string& path, bool md5, Console& console)
+namespace {
+
+// Prints a walk as an indented tree or as full paths, as it streams in or,
+// sorted, once it is all there.
+class TreePrinter {
+public:
+    TreePrinter(const TreeOptions& options, Console& console)
+        : m_options(options)
+        , m_console(console)
+    {
+    }
+
+    void folder(const RemoteFolder& f, std::size_t depth)
+    {
+        ++m_folders;
+        if (m_options.paths)
+            m_console.out << f.fullName << "/\n";
+        else
+            m_console.out << std::string(2 * depth, ' ') << (depth == 0 ? f.fullName : f.name) << "/\n";
+    }
+
+    void file(const RemoteFile& f, std::size_t depth)
+    {
+        ++m_files;
+        m_bytes += static_cast<std::int64_t>(f.size);
+        if (m_options.paths)
+            m_console.out << f.fullName;
+        else
+            m_console.out << std::string(2 * depth, ' ') << f.name << "  " << f.size;
+        if (m_options.md5)
+            m_console.out << "  " << f.hash;
+        m_console.out << "\n";
+    }
+
+    void summary()
+    {
+        if (!m_options.paths)
+            m_console.out << fmt::format("{} folders, {} files, {}\n", m_folders, m_files,
+                ProgressMeter::formatSize(m_bytes));
+    }
+
+    std::int64_t folders() const { return m_folders; }
+    std::int64_t files() const { return m_files; }
+    std::int64_t bytes() const { return m_bytes; }
+
+private:
+    const TreeOptions& m_options;
+    Console& m_console;
+    std::int64_t m_folders = 0, m_files = 0, m_bytes = 0;
+};
+
+// A whole walk held in memory, to be sorted or written as JSON.
+struct WalkedTree {
+    std::vector<RemoteFolder> folders;
+    std::vector<RemoteFile> files;
+
+    // Pre-order again, by name: a folder, its files, then its subfolders.
+    template <typename OnFolder, typename OnFile>
+    void visitSorted(OnFolder onFolder, OnFile onFile)
+    {
+        if (folders.empty())
+            return;
+        std::map<std::string, std::vector<const RemoteFolder*>> subfolders;
+        std::map<std::string, std::vector<const RemoteFile*>> filesIn;
+        for (const auto& f : folders)
+            subfolders[f.parent].push_back(&f);
+        for (const auto& f : files)
+            filesIn[f.parent].push_back(&f);
+        auto byName = [](const auto* a, const auto* b) { return a->name < b->name; };
+        std::function<void(const RemoteFolder&, std::size_t)> visit = [&](const RemoteFolder& folder, std::size_t depth) {
+            onFolder(folder, depth);
+            auto& fs = filesIn[folder.fullName];
+            std::sort(fs.begin(), fs.end(), byName);
+            for (const auto* f : fs)
+                onFile(*f, depth + 1);
+            auto& subs = subfolders[folder.fullName];
+            std::sort(subs.begin(), subs.end(), byName);
+            for (const auto* s : subs)
+                visit(*s, depth + 1);
+        };
+        visit(folders.front(), 0);
+    }
+};
+
+} // namespace
+
+int tree(const Target& target, const std::string& path, const TreeOptions& options, Console& console)
 {
     return guard(target, console, [&] {
         if (!path.empty())
@@ -204,96 +349,86 @@ int tree(const Target& target, const std::string& path, bool md5, Console& conso
         ProtocolClient client;
         open(client, target);
         auto root = orDefaultPath(client, path);
-        // The walk is pre-order: a folder's parent is always on the stack
-        // of folders open above it.
-        std::vector<std::string> stack;
-        std::int64_t folders = 0, files = 0, bytes = 0;
+        TreePrinter printer(options, console);
         ProtocolClient::TreeHandler handler;
-        handler.onFolder = [&](const RemoteFolder& f) {
-            while (!stack.empty() && stack.back() != f.parent)
-                stack.pop_back();
-            std::string indent(2 * stack.size(), ' ');
-            console.out << indent << (stack.empty() ? f.fullName : f.name) << "/\n";
-            stack.push_back(f.fullName);
-            ++folders;
-        };
-        handler.onFile = [&](const RemoteFile& f) {
-            std::string indent(2 * stack.size(), ' ');
-            console.out << indent << f.name << "  " << f.size;
-            if (md5)
-                console.out << "  " << f.hash;
-            console.out << "\n";
-            ++files;
-            bytes += static_cast<std::int64_t>(f.size);
-        };
-        client.allFilesInFolder(root, md5, handler);
-        console.out << fmt::format("{} folders, {} files, {}\n", folders, files, ProgressMeter::formatSize(bytes));
+        WalkedTree walked;
+        std::size_t depth = 0;
+        if (options.sorted || options.json) {
+            handler.onFolder = [&](const RemoteFolder& f) { walked.folders.push_back(f); };
+            handler.onFile = [&](const RemoteFile& f) { walked.files.push_back(f); };
+        } else {
+            // The walk is pre-order: a folder's parent is always on the
+            // stack of folders open above it, and its files come right
+            // after it, one level deeper.
+            handler.onFolder = [&, stack = std::vector<std::string>()](const RemoteFolder& f) mutable {
+                while (!stack.empty() && stack.back() != f.parent)
+                    stack.pop_back();
+                printer.folder(f, stack.size());
+                depth = stack.size() + 1;
+                stack.push_back(f.fullName);
+            };
+            handler.onFile = [&](const RemoteFile& f) { printer.file(f, depth); };
+        }
+        client.allFilesInFolder(root, options.md5, handler);
+        if (options.json) {
+            if (options.sorted) {
+                WalkedTree sorted;
+                walked.visitSorted([&](const RemoteFolder& f, std::size_t) { sorted.folders.push_back(f); },
+                    [&](const RemoteFile& f, std::size_t) { sorted.files.push_back(f); });
+                walked = std::move(sorted);
+            }
+            std::int64_t bytes = 0;
+            for (const auto& f : walked.files)
+                bytes += static_cast<std::int64_t>(f.size);
+            console.out << fmt::format("{{\"path\": {}, \"folders\": {}, \"files\": {}, \"totals\": {{\"folders\": {}, "
+                                       "\"files\": {}, \"bytes\": {}}}}}\n",
+                Json::quote(root), jsonArray(walked.folders, folderJson),
+                jsonArray(walked.files, [&](const RemoteFile& f) { return fileJson(f, options.md5); }),
+                walked.folders.size(), walked.files.size(), bytes);
+            return int(Ok);
+        }
+        if (options.sorted)
+            walked.visitSorted([&](const RemoteFolder& f, std::size_t d) { printer.folder(f, d); },
+                [&](const RemoteFile& f, std::size_t d) { printer.file(f, d); });
+        printer.summary();
         return int(Ok);
     });
 }
 
 namespace {
 
-// One line per file that arrived: where, how much, from where it resumed.
-void printMoved(Console& console, const std::string& where, std::int64_t bytes, std::int64_t resumedFrom, bool verified)
-{
-    console.out << where << "  " << bytes << " bytes";
-    if (resumedFrom > 0)
-        console.out << " (resumed at " << resumedFrom << ")";
-    if (verified)
-        console.out << ", digest verified";
-    console.out << "\n";
-}
+// One item of mkdir, rm, rmdir or mv: a line saying what happened, or a
+// message saying why not. The server answers one flag for a whole batch and
+// counts as done what it had nothing to do for, so each item goes alone and
+// is checked before and after.
+using ItemWork = std::function<std::string(ProtocolClient&, const std::string&)>;
 
-} // namespace
+struct ItemFailure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
-int get(const Target& target, const std::vector<std::string>& remotes, const std::string& folder, bool md5,
-    Console& console)
-{
-    return guard(target, console, [&] {
-        for (const auto& r : remotes)
-            requireAbsolute(r);
-        ProtocolClient client;
-        open(client, target);
-        Downloader downloader(client, md5, [&] { open(client, target); });
-        auto outcomes = downloader.fetch(remotes, folder.empty() ? "." : folder, console.progress);
-        for (const auto& o : outcomes) {
-            if (o.error.empty())
-                printMoved(console, o.local, o.received, o.resumedFrom, o.verified);
-        }
-        return reportTransfers(outcomes, "get", console);
-    });
-}
-
-int put(const Target& target, const std::vector<std::string>& locals, const std::string& remoteFolder, bool md5,
-    Console& console)
-{
-    return guard(target, console, [&] {
-        requireAbsolute(remoteFolder);
-        ProtocolClient client;
-        open(client, target);
-        Uploader uploader(client, md5);
-        auto outcomes = uploader.send(locals, remoteFolder, console.progress);
-        for (const auto& o : outcomes) {
-            if (o.error.empty())
-                printMoved(console, o.remote, o.sent, o.resumedFrom, o.verified);
-        }
-        return reportTransfers(outcomes, "put", console);
-    });
-}
-
-namespace {
-
-// One batch command over absolute paths, reported as one success or failure.
-int runBatch(const Target& target, const std::vector<std::string>& paths, Console& console,
-    bool (ProtocolClient::*command)(const std::vector<std::string>&), const std::string& what)
+int perItem(const Target& target, const std::vector<std::string>& paths, const char* verb, Console& console,
+    const ItemWork& work)
 {
     return guard(target, console, [&] {
         for (const auto& p : paths)
             requireAbsolute(p);
         ProtocolClient client;
         open(client, target);
-        return reportBatch((client.*command)(paths), what, console);
+        int result = Ok;
+        for (const auto& p : paths) {
+            try {
+                say(console, work(client, trimmed(p)));
+            } catch (const ItemFailure& e) {
+                complain(console, std::string(verb) + " " + p + ": " + e.what());
+                result = Failed;
+            } catch (const ServerError& e) {
+                complain(console, std::string(verb) + " " + p + ": " + e.what());
+                result = Failed;
+                open(client, target); // the server ended the session
+            }
+        }
+        return result;
     });
 }
 
@@ -301,31 +436,59 @@ int runBatch(const Target& target, const std::vector<std::string>& paths, Consol
 
 int makeFolders(const Target& target, const std::vector<std::string>& paths, Console& console)
 {
-    return runBatch(target, paths, console, &ProtocolClient::createDirectories, "create every folder");
+    return perItem(target, paths, "mkdir", console, [](ProtocolClient& client, const std::string& p) {
+        if (client.pathExists(p))
+            return p + "/ exists already";
+        if (findFile(client, p))
+            throw ItemFailure("a file is in the way");
+        if (!client.createDirectories({p}) || !client.pathExists(p))
+            throw ItemFailure("the server could not create it (a file in the way above it, or no permission)");
+        return "created " + p + "/";
+    });
 }
 
 int removeFiles(const Target& target, const std::vector<std::string>& paths, Console& console)
 {
-    return runBatch(target, paths, console, &ProtocolClient::deleteFiles, "delete every file");
+    return perItem(target, paths, "rm", console, [](ProtocolClient& client, const std::string& p) {
+        if (client.pathExists(p))
+            throw ItemFailure("is a folder (rmdir removes folders)");
+        if (!findFile(client, p))
+            throw ItemFailure("no such file on the server");
+        if (!client.deleteFiles({p}))
+            throw ItemFailure("the server could not delete it");
+        return "removed " + p;
+    });
 }
 
 int removeFolders(const Target& target, const std::vector<std::string>& paths, Console& console)
 {
-    return runBatch(target, paths, console, &ProtocolClient::deleteFolders, "delete every folder");
+    return perItem(target, paths, "rmdir", console, [](ProtocolClient& client, const std::string& p) {
+        if (!client.pathExists(p))
+            throw ItemFailure(findFile(client, p) ? "is a file (rm removes files)" : "no such folder on the server");
+        if (!client.deleteFolders({p}))
+            throw ItemFailure("the server could not delete it, or all of it");
+        return "removed " + p + "/";
+    });
 }
 
 int move(const Target& target, const std::string& from, const std::string& to, Console& console)
 {
-    return guard(target, console, [&] {
-        requireAbsolute(from);
+    return perItem(target, {from}, "mv", console, [&](ProtocolClient& client, const std::string& p) {
         requireAbsolute(to);
-        ProtocolClient client;
-        open(client, target);
-        return reportBatch(client.renameFiles({{from, to}}), "rename " + from + " to " + to, console);
+        const auto dest = trimmed(to);
+        if (client.pathExists(p))
+            throw ItemFailure("is a folder (the server renames files only)");
+        if (!findFile(client, p))
+            throw ItemFailure("no such file on the server");
+        if (client.pathExists(dest) || findFile(client, dest))
+            throw ItemFailure(dest + " exists already (the server never replaces a file)");
+        if (!client.renameFiles({{p, dest}}))
+            throw ItemFailure("the server could not rename it to " + dest);
+        return "renamed " + p + " to " + dest;
     });
 }
 
-int freeSpace(const Target& target, const std::string& path, Console& console)
+int freeSpace(const Target& target, const std::string& path, bool json, Console& console)
 {
     return guard(target, console, [&] {
         if (!path.empty())
@@ -334,7 +497,10 @@ int freeSpace(const Target& target, const std::string& path, Console& console)
         open(client, target);
         auto folder = orDefaultPath(client, path);
         auto free = client.freeSpace(folder);
-        console.out << fmt::format("{}  {} bytes free ({})\n", folder, free, ProgressMeter::formatSize(free));
+        if (json)
+            console.out << fmt::format("{{\"path\": {}, \"free\": {}}}\n", Json::quote(folder), free);
+        else
+            console.out << fmt::format("{}  {} bytes free ({})\n", folder, free, ProgressMeter::formatSize(free));
         return int(Ok);
     });
 }

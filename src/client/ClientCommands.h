@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -39,21 +40,51 @@ struct Console {
     TransferProgress* progress = nullptr;
 };
 
+// Prints a line of results (out) or a message (err), taking the progress
+// line off the terminal first so that the two never share a line.
+void say(Console& console, const std::string& line);
+void complain(Console& console, const std::string& line);
+
+struct TreeOptions {
+    bool md5 = false;    // each file's digest (the server reads every file)
+    bool sorted = false; // by name within each folder, files before subfolders
+    bool paths = false;  // one full path per line instead of the indented tree
+    bool json = false;
+};
+
+struct TransferOptions {
+    bool recursive = false;
+    bool verify = true;  // digests decide what is identical and check every copy
+    bool dryRun = false;
+    int retries = 5;     // reconnections in a row that move no byte
+};
+
 int discover(std::chrono::milliseconds timeout, Console& console);
 int identify(const Target& target, Console& console);
 int defaultPath(const Target& target, Console& console);
 // An empty path means the server's default folder.
-int list(const Target& target, const std::string& path, Console& console);
-int tree(const Target& target, const std::string& path, bool md5, Console& console);
-int get(const Target& target, const std::vector<std::string>& remotes, const std::string& folder, bool md5,
-    Console& console);
-int put(const Target& target, const std::vector<std::string>& locals, const std::string& remoteFolder, bool md5,
-    Console& console);
+int list(const Target& target, const std::string& path, bool json, Console& console);
+int tree(const Target& target, const std::string& path, const TreeOptions& options, Console& console);
+int get(const Target& target, const std::vector<std::string>& remotes, const std::string& folder,
+    const TransferOptions& options, Console& console);
+int put(const Target& target, const std::vector<std::string>& locals, const std::string& remoteFolder,
+    const TransferOptions& options, Console& console);
+// One line per item, and Failed when any item failed.
 int makeFolders(const Target& target, const std::vector<std::string>& paths, Console& console);
 int removeFiles(const Target& target, const std::vector<std::string>& paths, Console& console);
 int removeFolders(const Target& target, const std::vector<std::string>& paths, Console& console);
 int move(const Target& target, const std::string& from, const std::string& to, Console& console);
-int freeSpace(const Target& target, const std::string& path, Console& console);
+int freeSpace(const Target& target, const std::string& path, bool json, Console& console);
+
+// Arguments that cannot work, found before anything is sent.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+// Throws UsageError unless `path` is absolute.
+void requireAbsolute(const std::string& path);
+// `path` without trailing slashes ("/" stays).
+std::string trimmed(const std::string& path);
 
 // Runs `body` and maps what escapes it to a message on console.err and an
 // exit code; `target` names the server in the messages.

@@ -50,6 +50,14 @@ public:
     std::uint8_t code() const noexcept { return m_code; }
     // The server's reason text as sent; may be empty.
     const std::string& message() const noexcept { return m_message; }
+    // The server failed to read from or write to the connection (its
+    // reasons for that are fixed texts): the connection was cut, and the
+    // command may be tried again on a new one.
+    bool isConnectionFailure() const
+    {
+        return m_message.find(" returned while trying to ") != std::string::npos
+            || m_message.starts_with("End of stream ") || m_message.starts_with("Stream error ");
+    }
 
 private:
     std::uint8_t m_code;
@@ -79,6 +87,12 @@ public:
 
 private:
     std::uint8_t m_code;
+};
+
+// A local file could not be read or written; the connection is not to blame.
+class LocalFileError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
 };
 
 // The server sent something the protocol does not allow at that point.

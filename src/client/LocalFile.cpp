@@ -35,7 +35,7 @@ LocalFile::LocalFile(const std::string& path, Mode mode)
     }
     m_fd = ::open(path.c_str(), flags, 0644);
     if (m_fd < 0)
-        throw ClientError(failure("cannot open", path));
+        throw LocalFileError(failure("cannot open", path));
 }
 
 LocalFile& LocalFile::operator=(LocalFile&& other) noexcept
@@ -55,7 +55,7 @@ std::size_t LocalFile::readAt(std::int64_t position, std::uint8_t* buffer, std::
         if (n >= 0)
             return static_cast<std::size_t>(n);
         if (errno != EINTR)
-            throw ClientError(failure("cannot read", m_path));
+            throw LocalFileError(failure("cannot read", m_path));
     }
 }
 
@@ -66,7 +66,7 @@ void LocalFile::writeAt(std::int64_t position, const std::uint8_t* data, std::si
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            throw ClientError(failure("cannot write", m_path));
+            throw LocalFileError(failure("cannot write", m_path));
         data += n;
         length -= static_cast<std::size_t>(n);
         position += n;
@@ -104,4 +104,14 @@ bool LocalFile::setModified(const std::string& path, std::int64_t seconds)
     times[1].tv_sec = static_cast<time_t>(seconds);
     times[1].tv_nsec = 0;
     return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0;
+}
+
+bool LocalFile::setModified(std::int64_t seconds)
+{
+    timespec times[2];
+    times[0].tv_sec = 0;
+    times[0].tv_nsec = UTIME_OMIT;
+    times[1].tv_sec = static_cast<time_t>(seconds);
+    times[1].tv_nsec = 0;
+    return ::futimens(m_fd, times) == 0;
 }

@@ -12,7 +12,7 @@ public:
     enum class Mode { Read, Write, WriteTruncate };
 
     LocalFile() = default;
-    // Throws ClientError naming the path when it cannot be opened.
+    // Throws LocalFileError naming the path when it cannot be opened.
     LocalFile(const std::string& path, Mode mode);
     ~LocalFile() { close(); }
     LocalFile(LocalFile&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)), m_path(std::move(other.m_path)) {}
@@ -25,6 +25,8 @@ public:
     std::size_t readAt(std::int64_t position, std::uint8_t* buffer, std::size_t length);
     void writeAt(std::int64_t position, const std::uint8_t* data, std::size_t length);
     void close();
+    // Of the open file.
+    bool setModified(std::int64_t seconds);
 
     // -1 when nothing is there or it is not a regular file.
     static std::int64_t sizeOf(const std::string& path);

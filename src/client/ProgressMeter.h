@@ -18,11 +18,17 @@ public:
     void start(const std::string& name, std::int64_t done, std::int64_t total) override;
     void update(std::int64_t done) override;
     void finish() override;
+    void note(const std::string& text) override;
+    void clear() override;
 
     // "512 B", "1.5 KiB", "3.2 GiB".
     static std::string formatSize(std::int64_t bytes);
-    // The line as drawn, without the carriage return.
-    static std::string line(const std::string& name, std::int64_t done, std::int64_t total, double bytesPerSecond);
+    // "42s", "3m05s", "1h02m".
+    static std::string formatDuration(double seconds);
+    // The line as drawn, without the carriage return: name, percent, bytes,
+    // and once the rate is known the rate and the time left; then the note.
+    static std::string line(const std::string& name, std::int64_t done, std::int64_t total, double bytesPerSecond,
+        const std::string& note = {});
 
 private:
     void draw();
@@ -30,6 +36,7 @@ private:
     std::FILE* m_stream;
     bool m_enabled;
     std::string m_name;
+    std::string m_note;
     std::int64_t m_done = 0;
     std::int64_t m_total = 0;
     std::int64_t m_startDone = 0;
@@ -37,4 +44,6 @@ private:
     std::chrono::steady_clock::time_point m_lastDraw;
     std::chrono::steady_clock::time_point m_lastMove;
     bool m_active = false;
+    // Something is drawn on the current terminal line.
+    bool m_shown = false;
 };

@@ -318,6 +318,24 @@ void ProtocolClient::downloadFiles(const std::vector<DownloadItem>& items, bool 
     });
 }
 
+std::vector<std::string> ProtocolClient::remoteDigests(const std::vector<DownloadItem>& items, std::size_t* failedAt)
+{
+    std::vector<std::string> digests(items.size());
+    std::vector<bool> sizeMatches(items.size(), false);
+    DownloadHandler handler;
+    handler.onFile = [&](std::size_t at, const RemoteFile& record, std::int64_t) {
+        if (failedAt)
+            *failedAt = at;
+        sizeMatches[at] = static_cast<std::int64_t>(record.size) == items[at].offset;
+    };
+    handler.onFileDone = [&](std::size_t at, const std::string& digest) {
+        if (sizeMatches[at])
+            digests[at] = digest;
+    };
+    downloadFiles(items, true, handler);
+    return digests;
+}
+
 ProtocolClient::UploadResult ProtocolClient::sendFileData(std::size_t index, const UploadItem& item,
     std::int64_t offset, bool withHash, const UploadHandler& handler, Bytes& buffer)
 {

@@ -112,6 +112,11 @@ public:
     void calculateFileHash();
 
     void downloadFiles(const std::vector<DownloadItem>& items, bool withHash, const DownloadHandler& handler);
+    // The server's MD5 of each file, asked for without its data: each item's
+    // offset is the size the caller expects. A file whose size is not that
+    // gets an empty digest. A file the server cannot open throws ServerError
+    // with `failedAt` set to its index.
+    std::vector<std::string> remoteDigests(const std::vector<DownloadItem>& items, std::size_t* failedAt = nullptr);
     std::vector<UploadResult> uploadFiles(const std::vector<UploadItem>& items, bool withHash, const UploadHandler& handler);
 
     bool createDirectories(const std::vector<std::string>& paths);

@@ -12,4 +12,10 @@ public:
     virtual void start(const std::string& name, std::int64_t done, std::int64_t total) = 0;
     virtual void update(std::int64_t done) = 0;
     virtual void finish() = 0;
+    // A short state shown with the file ("reconnecting, attempt 2 of 5");
+    // empty clears it.
+    virtual void note(const std::string& text) { (void)text; }
+    // Takes the line off the terminal so a message can be printed; the next
+    // update draws it again.
+    virtual void clear() {}
 };

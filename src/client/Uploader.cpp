@@ -1,13 +1,38 @@
 #include "client/Uploader.h"
 
 #include <filesystem>
+#include <map>
+
+#include <fmt/format.h>
 
 #include "client/LocalFile.h"
+#include "client/Reconnect.h"
 #include "wire/Digest.h"
+#include "wire/Paths.h"
 
-Uploader::Uploader(ProtocolClient& client, bool withDigests)
+struct Uploader::Job {
+    Outcome outcome;
+    std::optional<RemoteFile> info;
+    bool absent = false;
+    std::int64_t modified = 0;
+    std::string digest;       // of the local file, once needed
+    bool needed = false;
+    bool finished = false;
+    bool restarted = false;
+    bool offsetsKnown = false;
+
+    void fail(std::string why)
+    {
+        outcome.result = Result::Failed;
+        outcome.error = std::move(why);
+        finished = true;
+    }
+};
+
+Uploader::Uploader(ProtocolClient& client, Options options, std::function<void()> connect)
     : m_client(client)
-    , m_withDigests(withDigests)
+    , m_options(options)
+    , m_connect(std::move(connect))
 {
 }
 
@@ -18,76 +43,274 @@ std::string Uploader::remotePath(const std::string& folder, const std::string& n
     return folder + "/" + name;
 }
 
-std::vector<Uploader::Outcome> Uploader::send(
-    const std::vector<std::string>& locals, const std::string& remoteFolder, TransferProgress* progress)
+std::string Uploader::digestOf(Job& job)
 {
-    std::vector<Outcome> outcomes(locals.size());
-    std::vector<std::size_t> which;
-    std::vector<ProtocolClient::UploadItem> items;
-    for (std::size_t i = 0; i < locals.size(); ++i) {
-        Outcome& out = outcomes[i];
-        out.local = locals[i];
-        auto name = std::filesystem::path(locals[i]).filename().string();
-        out.remote = remotePath(remoteFolder, name);
-        auto size = LocalFile::sizeOf(locals[i]);
-        if (size < 0 || name.empty()) {
-            out.error = "not a readable file: " + locals[i];
+    if (job.digest.empty())
+        job.digest = Digest::md5OfFile(job.outcome.local);
+    return job.digest;
+}
+
+std::vector<Uploader::Outcome> Uploader::send(const std::vector<Item>& items, TransferProgress* progress)
+{
+    std::vector<Job> jobs(items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        Job& job = jobs[i];
+        job.outcome.local = items[i].local;
+        job.outcome.remote = items[i].remote;
+        job.info = items[i].info;
+        job.absent = items[i].absent;
+        job.outcome.size = LocalFile::sizeOf(items[i].local);
+        job.modified = LocalFile::modifiedOf(items[i].local);
+        if (job.outcome.size < 0)
+            job.fail("not a readable file: " + items[i].local);
+    }
+    describe(jobs);
+    decide(jobs);
+    if (!m_options.dryRun)
+        transfer(jobs, progress);
+    std::vector<Outcome> outcomes;
+    for (auto& job : jobs)
+        outcomes.push_back(std::move(job.outcome));
+    return outcomes;
+}
+
+// What the server holds at each remote path, one listing per folder. A
+// folder standing there would be replaced by the file: that is refused.
+void Uploader::describe(std::vector<Job>& jobs)
+{
+    std::map<std::string, std::vector<Job*>> byFolder;
+    for (auto& job : jobs)
+        if (!job.finished && !job.info && !job.absent)
+            byFolder[Paths::deletingLastPathComponent(job.outcome.remote)].push_back(&job);
+    for (auto& [folder, group] : byFolder) {
+        if (!m_client.pathExists(folder))
+            continue; // the server makes the folders an upload needs
+        auto files = m_client.filesInFolder(folder);
+        for (Job* job : group) {
+            auto name = Paths::lastPathComponent(job->outcome.remote);
+            for (const auto& f : files)
+                if (f.name == name)
+                    job->info = f;
+            if (!job->info && m_client.pathExists(job->outcome.remote))
+                job->fail("a folder on the server is in the way: " + job->outcome.remote);
+        }
+    }
+}
+
+void Uploader::decide(std::vector<Job>& jobs)
+{
+    std::vector<Job*> asked;
+    std::vector<ProtocolClient::DownloadItem> items;
+    for (auto& job : jobs) {
+        if (job.finished)
+            continue;
+        job.needed = true;
+        if (!job.info || static_cast<std::int64_t>(job.info->size) != job.outcome.size)
+            continue;
+        if (!m_options.verify) {
+            job.needed = job.info->modified != job.modified;
+        } else if (!job.info->hash.empty()) {
+            job.needed = job.info->hash != digestOf(job);
+        } else {
+            asked.push_back(&job);
+            items.push_back({job.outcome.remote, job.outcome.size});
+        }
+    }
+    if (!items.empty()) {
+        std::size_t failedAt = 0;
+        std::vector<std::string> digests(items.size());
+        try {
+            digests = m_client.remoteDigests(items, &failedAt);
+        } catch (const ServerError&) {
+            // Listed a moment ago and unreadable now: send it all the same.
+            if (m_connect)
+                m_connect();
+        }
+        for (std::size_t at = 0; at < asked.size(); ++at)
+            asked[at]->needed = digests[at].empty() || digests[at] != digestOf(*asked[at]);
+    }
+    for (auto& job : jobs) {
+        if (job.finished)
+            continue;
+        if (!job.needed) {
+            job.outcome.result = Result::UpToDate;
+            job.finished = true;
+        } else if (m_options.dryRun) {
+            job.outcome.result = Result::WouldSend;
+            job.finished = true;
+        }
+    }
+}
+
+void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
+{
+    Reconnect reconnect(m_connect, m_options.retries, progress);
+    for (;;) {
+        std::vector<Job*> which;
+        for (auto& job : jobs)
+            if (job.needed && !job.finished)
+                which.push_back(&job);
+        if (which.empty())
+            return;
+        const std::int64_t movedBefore = m_moved;
+        bool settled = false;
+        std::string lost;
+        m_current = nullptr;
+        try {
+            runOnce(which, progress);
+            continue;
+        } catch (const ServerError& e) {
+            lost = e.what();
+            if (m_current && !e.isConnectionFailure()) {
+                m_current->fail(e.what());
+                settled = true;
+            }
+        } catch (const LocalFileError& e) {
+            lost = e.what();
+            m_client.close();
+            if (m_current) {
+                m_current->fail(e.what());
+                settled = true;
+            }
+        } catch (const ProtocolError&) {
+            throw;
+        } catch (const PasswordRequired&) {
+            throw;
+        } catch (const ClientError& e) {
+            lost = e.what();
+        }
+        if (progress)
+            progress->finish();
+        bool left = false;
+        for (Job* job : which)
+            left = left || !job->finished;
+        if (!left)
+            return;
+        if (reconnect.again(m_moved > movedBefore || settled)) {
+            settleFromServer(which);
             continue;
         }
-        ProtocolClient::UploadItem item{out.remote, size, LocalFile::modifiedOf(locals[i]), {}};
-        if (m_withDigests)
-            item.digest = Digest::md5OfFile(locals[i]);
-        items.push_back(item);
-        which.push_back(i);
+        for (Job* job : which)
+            if (!job->finished)
+                job->fail(fmt::format("connection lost ({}); gave up after {} attempts to reconnect; run the "
+                                      "same command again to resume",
+                    lost, reconnect.retries()));
+        return;
     }
-    if (items.empty())
-        return outcomes;
+}
 
-    std::size_t openIndex = items.size();
-    std::vector<bool> done(items.size(), false);
+// After a lost connection: a file whose bytes had all gone out may be in
+// place already (the server moves it before it sends its digest); sending it
+// again would only be cut off at the same point.
+void Uploader::settleFromServer(std::vector<Job*>& which)
+{
+    std::vector<Job*> asked;
+    std::vector<ProtocolClient::DownloadItem> items;
+    for (Job* job : which) {
+        if (job->finished || !job->offsetsKnown)
+            continue;
+        asked.push_back(job);
+        items.push_back({job->outcome.remote, job->outcome.size});
+    }
+    if (asked.empty())
+        return;
+    std::vector<std::string> digests(asked.size());
+    try {
+        // Asking for the digest of an absent file would end the session.
+        for (std::size_t at = 0; at < asked.size(); ++at) {
+            Job& job = *asked[at];
+            auto folder = Paths::deletingLastPathComponent(job.outcome.remote);
+            if (!m_client.pathExists(folder))
+                return;
+            bool there = false;
+            for (const auto& f : m_client.filesInFolder(folder))
+                there = there
+                    || (f.name == Paths::lastPathComponent(job.outcome.remote)
+                        && static_cast<std::int64_t>(f.size) == job.outcome.size
+                        && (m_options.verify || f.modified == job.modified));
+            if (!there)
+                return;
+        }
+        if (m_options.verify)
+            digests = m_client.remoteDigests(items);
+    } catch (const ServerError& e) {
+        if (m_connect)
+            m_connect();
+        return;
+    } catch (const ClientError&) {
+        return; // lost again: the next attempt finds out
+    }
+    for (std::size_t at = 0; at < asked.size(); ++at) {
+        if (m_options.verify && (digests[at].empty() || digests[at] != digestOf(*asked[at])))
+            continue;
+        asked[at]->outcome.result = Result::Sent;
+        asked[at]->outcome.verified = m_options.verify;
+        asked[at]->finished = true;
+    }
+}
+
+void Uploader::runOnce(std::vector<Job*>& which, TransferProgress* progress)
+{
+    std::vector<ProtocolClient::UploadItem> items;
+    for (Job* job : which) {
+        ProtocolClient::UploadItem item{job->outcome.remote, job->outcome.size, job->modified, {}};
+        if (m_options.verify)
+            item.digest = digestOf(*job);
+        items.push_back(item);
+    }
     LocalFile file;
+    std::size_t openIndex = items.size();
     ProtocolClient::UploadHandler handler;
     handler.onOffsets = [&](const std::vector<std::int64_t>& offsets) {
-        for (std::size_t at = 0; at < offsets.size(); ++at)
-            outcomes[which[at]].resumedFrom = offsets[at];
+        for (std::size_t at = 0; at < offsets.size(); ++at) {
+            if (!which[at]->offsetsKnown)
+                which[at]->outcome.resumedFrom = offsets[at];
+            which[at]->offsetsKnown = true;
+        }
+        if (!which.empty())
+            m_current = which.front();
     };
     handler.read = [&](std::size_t at, std::int64_t position, std::uint8_t* buffer, std::size_t length) {
         if (openIndex != at) {
-            file = LocalFile(outcomes[which[at]].local, LocalFile::Mode::Read);
+            m_current = which[at];
+            m_lastSent = 0;
+            file = LocalFile(which[at]->outcome.local, LocalFile::Mode::Read);
             openIndex = at;
             if (progress)
-                progress->start(std::filesystem::path(outcomes[which[at]].local).filename().string(), position, items[at].size);
+                progress->start(Paths::lastPathComponent(which[at]->outcome.local), position, items[at].size);
         }
         return file.readAt(position, buffer, length);
     };
-    handler.onProgress = [&](std::size_t at, std::int64_t sent, std::int64_t) {
-        outcomes[which[at]].sent = sent;
+    handler.onProgress = [&](std::size_t at, std::int64_t sent, std::int64_t total) {
+        m_moved += sent - m_lastSent;
+        which[at]->outcome.sent += sent - m_lastSent;
+        m_lastSent = sent;
         if (progress)
-            progress->update(outcomes[which[at]].resumedFrom + sent);
+            progress->update(items[at].size - total + sent);
     };
     handler.onFileDone = [&](std::size_t at, const ProtocolClient::UploadResult& result) {
-        Outcome& out = outcomes[which[at]];
-        done[at] = true;
+        Job& job = *which[at];
         file.close();
-        if (progress && openIndex == at)
-            progress->finish();
-        out.sent = result.received;
-        if (!m_withDigests)
-            return;
-        out.verified = result.digest == items[at].digest;
-        if (!out.verified)
-            out.error = "the stored file does not match (" + items[at].digest + " here, " + result.digest + " there)";
-    };
-    try {
-        m_client.uploadFiles(items, m_withDigests, handler);
-    } catch (const ServerError& e) {
+        m_lastSent = 0;
         if (progress)
             progress->finish();
-        // The server ends the session after an error: no file after the
-        // last finished one has arrived.
-        for (std::size_t at = 0; at < items.size(); ++at)
-            if (!done[at])
-                outcomes[which[at]].error = e.message().empty() ? e.what() : e.message();
-    }
-    return outcomes;
+        if (at + 1 < which.size())
+            m_current = which[at + 1];
+        if (m_options.verify && result.digest != job.digest) {
+            // The server resumed from a partial file left by some other
+            // content; the stored file is now whole, so a second upload
+            // starts from the first byte.
+            if (result.offset > 0 && !job.restarted) {
+                job.restarted = true;
+                job.outcome.resumedFrom = 0;
+                return;
+            }
+            job.fail("the stored file does not match (" + job.digest + " here, " + result.digest + " there)");
+            return;
+        }
+        job.outcome.verified = m_options.verify;
+        job.outcome.result = Result::Sent;
+        job.finished = true;
+    };
+    m_client.uploadFiles(items, m_options.verify, handler);
 }

@@ -1,38 +1,73 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "client/ProtocolClient.h"
 #include "client/TransferProgress.h"
 
-// Sends local files into a remote folder through one ProtocolClient. The
-// server resumes an interrupted upload by itself (it says how much it already
-// holds); with digests on, the server's MD5 of each stored file is compared
-// with the local one. One thread.
+// Sends local files to remote paths through one ProtocolClient. A remote
+// file identical to the local one (same size and digest) is left alone; the
+// server resumes an interrupted upload by itself from its own partial file,
+// and with verification on (the default) the server's digest of every stored
+// file is compared with the local one. When the server drops the connection
+// (it ends every session a few minutes after it began) the upload reconnects
+// and goes on from the offset the server answers, a bounded number of
+// times. One thread.
 class Uploader {
 public:
+    struct Options {
+        bool verify = true;
+        bool dryRun = false;
+        int retries = 5;
+    };
+
+    struct Item {
+        std::string local;
+        std::string remote; // absolute path on the server
+        // What a listing of the server said about the remote file (a tree
+        // walk with digests). Absent: looked up, unless `absent` says the
+        // listing found nothing there.
+        std::optional<RemoteFile> info;
+        bool absent = false;
+    };
+
+    enum class Result { Sent, UpToDate, WouldSend, Failed };
+
     struct Outcome {
         std::string local;
         std::string remote;
+        Result result = Result::Failed;
+        std::int64_t size = 0;        // of the local file
         std::int64_t resumedFrom = 0; // bytes the server already held
         std::int64_t sent = 0;        // bytes sent this time
         bool verified = false;        // digest compared and equal
-        std::string error;            // empty when the file arrived
+        std::string error;
     };
 
-    Uploader(ProtocolClient& client, bool withDigests);
+    Uploader(ProtocolClient& client, Options options, std::function<void()> connect = {});
 
-    // Sends every local file into `remoteFolder` under its own name. Local
-    // files that cannot be read are reported and left out.
-    std::vector<Outcome> send(const std::vector<std::string>& locals, const std::string& remoteFolder,
-        TransferProgress* progress = nullptr);
+    std::vector<Outcome> send(const std::vector<Item>& items, TransferProgress* progress = nullptr);
 
     // `folder` + "/" + `name`, without doubling a trailing slash.
     static std::string remotePath(const std::string& folder, const std::string& name);
 
 private:
+    struct Job;
+    void describe(std::vector<Job>& jobs);
+    void decide(std::vector<Job>& jobs);
+    void transfer(std::vector<Job>& jobs, TransferProgress* progress);
+    void runOnce(std::vector<Job*>& which, TransferProgress* progress);
+    void settleFromServer(std::vector<Job*>& which);
+    std::string digestOf(Job& job);
+
     ProtocolClient& m_client;
-    bool m_withDigests;
+    Options m_options;
+    std::function<void()> m_connect;
+    std::int64_t m_moved = 0;
+    std::int64_t m_lastSent = 0; // of the file on its way
+    Job* m_current = nullptr; // whose data is on its way
 };

@@ -30,7 +30,11 @@ struct Arguments {
     std::string folder;
     std::string from;
     std::string to;
-    bool md5 = false;
+    bool json = false;
+    ClientCommands::TreeOptions tree;
+    ClientCommands::TransferOptions transfer;
+    bool noVerify = false;
+    bool legacyMd5 = false;
 };
 
 void addGlobalOptions(CLI::App& app, Arguments& a)
@@ -45,36 +49,61 @@ void addGlobalOptions(CLI::App& app, Arguments& a)
     app.add_option("--timeout", a.timeoutSeconds, "Seconds a read may wait for the server")->capture_default_str();
 }
 
+void addTransferOptions(CLI::App* command, Arguments& a, const char* treeHelp)
+{
+    command->add_flag("-r,--recursive", a.transfer.recursive, treeHelp);
+    command->add_flag("--no-verify", a.noVerify,
+        "Skip the MD5 digests: do not check copies, and take files of equal size and date as identical");
+    command->add_flag("-n,--dry-run", a.transfer.dryRun, "List what would be copied and copy nothing");
+    command->add_option("--retries", a.transfer.retries,
+        "Reconnections in a row, with no byte moved, before a transfer gives up")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 100));
+    // Digests are checked by default now; the old switch is still accepted.
+    command->add_flag("--md5", a.legacyMd5, "Check digests (the default)")->group("");
+}
+
 void addSubcommands(CLI::App& app, Arguments& a)
 {
     auto* discover = app.add_subcommand("discover", "Find servers on the local network");
     discover->add_option("--wait", a.discoverSeconds, "Seconds to listen")->capture_default_str();
     app.add_subcommand("identify", "Show what the server says about itself");
     app.add_subcommand("default-path", "Show the server's default folder");
-    app.add_subcommand("ls", "List the folders and files in a folder")
-        ->add_option("path", a.path, "Remote folder (default: the server's default folder)");
+    auto* ls = app.add_subcommand("ls", "List the folders and files in a folder, or describe one file");
+    ls->add_option("path", a.path, "Remote folder or file (default: the server's default folder)");
+    ls->add_flag("--json", a.json, "Print one JSON object");
     auto* tree = app.add_subcommand("tree", "List a whole folder tree");
     tree->add_option("path", a.path, "Remote folder (default: the server's default folder)");
-    tree->add_flag("--md5", a.md5, "Show each file's MD5 digest (the server reads every file)");
-    auto* get = app.add_subcommand("get", "Download files, resuming partial local copies");
-    get->add_option("remote", a.paths, "Remote files")->required();
+    tree->add_flag("--md5", a.tree.md5, "Show each file's MD5 digest (the server reads every file)");
+    tree->add_flag("--sort", a.tree.sorted, "Sort by name in each folder (the server's order otherwise)");
+    tree->add_flag("--paths", a.tree.paths, "One full path per line instead of the indented tree");
+    tree->add_flag("--json", a.tree.json, "Print one JSON object: every folder and file with its full path");
+    auto* get = app.add_subcommand("get",
+        "Download files (or trees, with -r) into a local folder. Each file arrives in NAME.zandrel-part and "
+        "replaces NAME only when complete and matching the server's digest; an interrupted get resumes from "
+        "that file, and a lost connection is resumed by itself. Identical files are left alone");
+    get->add_option("remote", a.paths, "Remote files, or folders with -r")->required();
     get->add_option("--to", a.folder, "Local folder (default: the current one)");
-    get->add_flag("--md5", a.md5, "Check each file against the server's MD5 digest");
-    auto* put = app.add_subcommand("put", "Upload files; the server resumes interrupted uploads");
-    put->add_option("local", a.paths, "Local files")->required()->check(CLI::ExistingFile);
+    addTransferOptions(get, a, "Copy whole folders, each into a folder of its name");
+    auto* put = app.add_subcommand("put",
+        "Upload files (or trees, with -r) into a remote folder. Identical files are left alone, the server "
+        "resumes interrupted uploads, a lost connection is resumed by itself, and every stored file is checked "
+        "against the local digest");
+    put->add_option("local", a.paths, "Local files, or folders with -r")->required()->check(CLI::ExistingPath);
     put->add_option("--to", a.folder, "Remote folder")->required();
-    put->add_flag("--md5", a.md5, "Check each stored file against the local MD5 digest");
+    addTransferOptions(put, a, "Copy whole folders, each into a remote folder of its name");
     app.add_subcommand("mkdir", "Create folders, with their missing parents")
         ->add_option("path", a.paths, "Remote folders")->required();
-    app.add_subcommand("rm", "Delete files (missing ones and folders are skipped)")
+    app.add_subcommand("rm", "Delete files; says which could not be deleted")
         ->add_option("path", a.paths, "Remote files")->required();
-    app.add_subcommand("rmdir", "Delete folders with everything in them (missing ones and files are skipped)")
+    app.add_subcommand("rmdir", "Delete folders with everything in them; says which could not be deleted")
         ->add_option("path", a.paths, "Remote folders")->required();
     auto* mv = app.add_subcommand("mv", "Rename or move a file (never over an existing one)");
     mv->add_option("old", a.from, "Remote file")->required();
     mv->add_option("new", a.to, "New remote path")->required();
-    app.add_subcommand("df", "Show the free space where a folder lies")
-        ->add_option("path", a.path, "Remote folder (default: the server's default folder)");
+    auto* df = app.add_subcommand("df", "Show the free space where a folder lies");
+    df->add_option("path", a.path, "Remote folder (default: the server's default folder)");
+    df->add_flag("--json", a.json, "Print one JSON object");
 }
 
 int run(CLI::App& app, Arguments& a)
@@ -95,14 +124,15 @@ int run(CLI::App& app, Arguments& a)
         return ClientCommands::identify(t, console);
     if (name == "default-path")
         return ClientCommands::defaultPath(t, console);
+    a.transfer.verify = !a.noVerify;
     if (name == "ls")
-        return ClientCommands::list(t, a.path, console);
+        return ClientCommands::list(t, a.path, a.json, console);
     if (name == "tree")
-        return ClientCommands::tree(t, a.path, a.md5, console);
+        return ClientCommands::tree(t, a.path, a.tree, console);
     if (name == "get")
-        return ClientCommands::get(t, a.paths, a.folder, a.md5, console);
+        return ClientCommands::get(t, a.paths, a.folder, a.transfer, console);
     if (name == "put")
-        return ClientCommands::put(t, a.paths, a.folder, a.md5, console);
+        return ClientCommands::put(t, a.paths, a.folder, a.transfer, console);
     if (name == "mkdir")
         return ClientCommands::makeFolders(t, a.paths, console);
     if (name == "rm")
@@ -111,7 +141,7 @@ int run(CLI::App& app, Arguments& a)
         return ClientCommands::removeFolders(t, a.paths, console);
     if (name == "mv")
         return ClientCommands::move(t, a.from, a.to, console);
-    return ClientCommands::freeSpace(t, a.path, console);
+    return ClientCommands::freeSpace(t, a.path, a.json, console);
 }
 
 } // namespace

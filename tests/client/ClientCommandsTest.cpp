@@ -1,14 +1,17 @@
 // What the command line prints and which exit code it gives, against the
 // real server and against no server at all.
 
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <string>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
 #include "client/ClientCommands.h"
+#include "client/ProgressMeter.h"
 
 namespace fs = std::filesystem;
 using namespace ClientCommands;
@@ -50,12 +53,12 @@ TEST_F(ClientCommandsTest, FailuresSayWhatToCheck)
     clear();
     Target wrong = m_target;
     wrong.passwordHash = "WRONG";
-    EXPECT_EQ(list(wrong, at(""), m_console), BadPassword);
+    EXPECT_EQ(list(wrong, at(""), false, m_console), BadPassword);
     EXPECT_NE(m_err.str().find("refused the password"), std::string::npos) << m_err.str();
 
     clear();
     EXPECT_EQ(makeFolders(m_target, {"relative/path"}, m_console), Usage);
-    EXPECT_EQ(list(m_target, "~/Music", m_console), Usage);
+    EXPECT_EQ(list(m_target, "~/Music", false, m_console), Usage);
     EXPECT_NE(m_err.str().find("does not expand ~"), std::string::npos) << m_err.str();
     EXPECT_FALSE(fs::exists(at("relative")));
 }
@@ -72,39 +75,150 @@ TEST_F(ClientCommandsTest, ListsAndTreesReadAsAPersonExpects)
 {
     m_server.home().write("t/b.txt", "bbb");
     m_server.home().write("t/s/a.txt", "a");
-    EXPECT_EQ(list(m_target, at("t") + "/", m_console), Ok);
+    m_server.home().write("t/a.txt", "a");
+    EXPECT_EQ(list(m_target, at("t") + "/", false, m_console), Ok);
     std::string listing = m_out.str();
     EXPECT_EQ(listing.find("d  "), 0u) << listing; // folders first
     EXPECT_NE(listing.find("3  b.txt\n"), std::string::npos) << listing;
     EXPECT_NE(listing.find("  s/\n"), std::string::npos) << listing;
 
     clear();
-    EXPECT_EQ(tree(m_target, at("t") + "//", true, m_console), Ok);
+    EXPECT_EQ(list(m_target, at("t/b.txt"), false, m_console), Ok);
+    EXPECT_EQ(m_out.str().find(at("t/b.txt") + " is a file, 3 bytes"), 0u) << m_out.str();
+    EXPECT_EQ(list(m_target, at("t/nothing"), false, m_console), Failed);
+    EXPECT_NE(m_err.str().find("no such file or folder"), std::string::npos) << m_err.str();
+
+    clear();
+    TreeOptions sorted;
+    sorted.sorted = sorted.md5 = true;
+    EXPECT_EQ(tree(m_target, at("t") + "//", sorted, m_console), Ok);
     EXPECT_EQ(m_out.str(), at("t") + "/\n"
+                           "  a.txt  1  0cc175b9c0f1b6a831c399e269772661\n"
                            "  b.txt  3  08f8e0260c64418510cefb2b06eee5cd\n"
                            "  s/\n"
                            "    a.txt  1  0cc175b9c0f1b6a831c399e269772661\n"
-                           "2 folders, 2 files, 4 B\n");
+                           "2 folders, 3 files, 5 B\n");
+
+    clear();
+    TreeOptions paths;
+    paths.sorted = paths.paths = true;
+    EXPECT_EQ(tree(m_target, at("t"), paths, m_console), Ok);
+    EXPECT_EQ(m_out.str(), at("t") + "/\n" + at("t/a.txt") + "\n" + at("t/b.txt") + "\n" + at("t/s") + "/\n"
+            + at("t/s/a.txt") + "\n");
 }
 
-TEST_F(ClientCommandsTest, FileSystemCommandsReportWhatFailed)
+TEST_F(ClientCommandsTest, JsonForScripts)
+{
+    m_server.home().write("j/q\"uote", "12");
+    TreeOptions json;
+    json.json = json.sorted = true;
+    EXPECT_EQ(list(m_target, at("j"), true, m_console), Ok);
+    EXPECT_EQ(tree(m_target, at("j"), json, m_console), Ok);
+    EXPECT_EQ(freeSpace(m_target, at("j"), true, m_console), Ok);
+    std::istringstream lines(m_out.str());
+    std::string ls, walk, df;
+    std::getline(lines, ls);
+    std::getline(lines, walk);
+    std::getline(lines, df);
+    EXPECT_NE(ls.find("\"files\": [{\"path\": \"" + at("j/q\\\"uote") + "\", \"name\": \"q\\\"uote\", "
+                      "\"type\": \"file\", \"size\": 2"),
+        std::string::npos)
+        << ls;
+    EXPECT_NE(walk.find("\"totals\": {\"folders\": 1, \"files\": 1, \"bytes\": 2}}"), std::string::npos) << walk;
+    EXPECT_EQ(df.find("{\"path\": \"" + at("j") + "\", \"free\": "), 0u) << df;
+}
+
+TEST_F(ClientCommandsTest, FileSystemCommandsSayWhichItemsFailed)
 {
     m_server.home().write("m/a", "a");
     m_server.home().write("m/b", "b");
-    EXPECT_EQ(makeFolders(m_target, {at("m/new/deep")}, m_console), Ok);
+    m_server.home().write("m/sub/c", "c");
+    EXPECT_EQ(makeFolders(m_target, {at("m/new/deep"), at("m/a/x"), at("m/b")}, m_console), Failed);
     EXPECT_TRUE(fs::is_directory(at("m/new/deep")));
+    EXPECT_NE(m_out.str().find("created " + at("m/new/deep") + "/"), std::string::npos) << m_out.str();
+    EXPECT_NE(m_err.str().find("mkdir " + at("m/b") + ": a file is in the way"), std::string::npos) << m_err.str();
+    EXPECT_NE(m_err.str().find("mkdir " + at("m/a/x") + ": "), std::string::npos) << m_err.str();
+
+    clear();
     EXPECT_EQ(move(m_target, at("m/a"), at("m/b"), m_console), Failed);
-    EXPECT_NE(m_err.str().find("could not rename"), std::string::npos) << m_err.str();
-    EXPECT_EQ(removeFiles(m_target, {at("m/a")}, m_console), Ok);
-    EXPECT_FALSE(fs::exists(at("m/a")));
+    EXPECT_NE(m_err.str().find("exists already"), std::string::npos) << m_err.str();
+    EXPECT_EQ(move(m_target, at("m/a"), at("m/a2"), m_console), Ok);
+    EXPECT_EQ(readFile(at("m/a2")), "a");
+
+    clear();
+    EXPECT_EQ(removeFiles(m_target, {at("m/a2"), at("m/gone"), at("m/sub")}, m_console), Failed);
+    EXPECT_FALSE(fs::exists(at("m/a2")));
+    EXPECT_NE(m_err.str().find("rm " + at("m/gone") + ": no such file"), std::string::npos) << m_err.str();
+    EXPECT_NE(m_err.str().find("rm " + at("m/sub") + ": is a folder"), std::string::npos) << m_err.str();
+    EXPECT_TRUE(fs::exists(at("m/sub/c")));
+    EXPECT_EQ(removeFolders(m_target, {at("m/b")}, m_console), Failed);
     EXPECT_EQ(removeFolders(m_target, {at("m/new")}, m_console), Ok);
     EXPECT_FALSE(fs::exists(at("m/new")));
 
     clear();
-    EXPECT_EQ(freeSpace(m_target, at("m"), m_console), Ok);
+    EXPECT_EQ(freeSpace(m_target, at("m"), false, m_console), Ok);
     EXPECT_NE(m_out.str().find("bytes free"), std::string::npos) << m_out.str();
-    EXPECT_EQ(freeSpace(m_target, at("m/b"), m_console), Failed);
+    EXPECT_EQ(freeSpace(m_target, at("m/b"), false, m_console), Failed);
     EXPECT_NE(m_err.str().find("Path " + at("m/b") + " does not exist."), std::string::npos) << m_err.str();
+}
+
+TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
+{
+    m_server.home().write("src/a.txt", "aaa");
+    m_server.home().write("src/sub/b.txt", "bb");
+    fs::create_directories(at("src/empty"));
+    TransferOptions recursive;
+    recursive.recursive = true;
+
+    EXPECT_EQ(put(m_target, {at("src")}, at("up"), recursive, m_console), Ok) << m_err.str();
+    EXPECT_EQ(readFile(at("up/src/sub/b.txt")), "bb");
+    EXPECT_TRUE(fs::is_directory(at("up/src/empty")));
+    EXPECT_NE(m_out.str().find("sent 2 files, 5 B; 0 up to date; 0 failed"), std::string::npos) << m_out.str();
+    m_server.home().write("src/a.txt", "AAA"); // same size, other bytes
+    clear();
+    EXPECT_EQ(put(m_target, {at("src")}, at("up"), recursive, m_console), Ok) << m_err.str();
+    EXPECT_EQ(m_out.str(), "sent " + at("up/src/a.txt") + "  (3 bytes, digest verified)\n"
+            + "up to date " + at("up/src/sub/b.txt") + "\n"
+            + "sent 1 file, 3 B; 1 up to date; 0 failed\n");
+
+    clear();
+    EXPECT_EQ(get(m_target, {at("up/src")}, at("down"), recursive, m_console), Ok) << m_err.str();
+    EXPECT_EQ(readFile(at("down/src/a.txt")), "AAA");
+    EXPECT_TRUE(fs::is_directory(at("down/src/empty")));
+    recursive.dryRun = true;
+    m_server.home().write("up/src/sub/new", "n");
+    clear();
+    EXPECT_EQ(get(m_target, {at("up/src")}, at("down"), recursive, m_console), Ok) << m_err.str();
+    EXPECT_NE(m_out.str().find("would get " + at("down/src/sub/new") + "  (1 bytes)"), std::string::npos)
+        << m_out.str();
+    EXPECT_NE(m_out.str().find("would get 1 file, 1 B; 2 up to date; 0 failed"), std::string::npos) << m_out.str();
+    EXPECT_FALSE(fs::exists(at("down/src/sub/new")));
+}
+
+} // namespace
+
+namespace {
+
+TEST(ProgressLineTest, ShowsRateAndTimeLeftAndMakesWayForMessages)
+{
+    EXPECT_EQ(ProgressMeter::line("f", 512, 2048, 512.0, "resumed"),
+        fmt::format("{:<32}  25%  512 B / 2.0 KiB  512 B/s  3s left  [resumed]", "f"));
+    EXPECT_EQ(ProgressMeter::formatDuration(3725), "1h02m");
+
+    std::FILE* terminal = std::tmpfile();
+    ProgressMeter meter(terminal, true);
+    std::ostringstream out, err;
+    Console console{out, err, &meter};
+    meter.start("big.bin", 0, 100);
+    complain(console, "get /x: boom");
+    EXPECT_EQ(err.str(), "zandrel: get /x: boom\n");
+    std::rewind(terminal);
+    char drawn[512] = {};
+    std::string shown(drawn, std::fread(drawn, 1, sizeof drawn, terminal));
+    // The bar was erased before the message went out.
+    EXPECT_TRUE(shown.starts_with("\rbig.bin")) << shown;
+    EXPECT_TRUE(shown.ends_with("\r\033[K")) << shown;
+    std::fclose(terminal);
 }
 
 } // namespace

@@ -1,9 +1,14 @@
-// Downloader and Uploader against the real server: resuming, refetching,
-// digests, and a batch that survives one file the server cannot send.
+// Downloader and Uploader against the real server: what may replace a local
+// file, resuming, skipping identical files, and carrying on past the server's
+// session limit.
 
+#include <chrono>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -12,12 +17,15 @@
 #include "client/LocalFile.h"
 #include "client/ProtocolClient.h"
 #include "client/Uploader.h"
+#include "session/SocketServer.h"
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 
 namespace {
 
-// Records what a transfer reports, to check the numbers it shows.
+// Records what a transfer reports; can slow it down so that it outlives a
+// short session.
 class RecordingProgress : public TransferProgress {
 public:
     void start(const std::string& name, std::int64_t done, std::int64_t total) override
@@ -25,12 +33,26 @@ public:
         starts.push_back(name + " " + std::to_string(done) + "/" + std::to_string(total));
         last = done;
     }
-    void update(std::int64_t done) override { last = done; }
-    void finish() override { ++finished; }
+    // Sleeps `delay` for every 16 KiB moved.
+    void update(std::int64_t done) override
+    {
+        std::this_thread::sleep_for(delay * ((done - last) / 16384));
+        last = done;
+    }
+    void finish() override {}
+    void note(const std::string& text) override { notes.push_back(text); }
 
     std::vector<std::string> starts;
+    std::vector<std::string> notes;
     std::int64_t last = 0;
-    int finished = 0;
+    std::chrono::milliseconds delay{0};
+};
+
+// Sessions end this soon after they begin, as they do after 360 s.
+class ShortSessions {
+public:
+    explicit ShortSessions(std::chrono::milliseconds lifetime) { SocketServer::setLifetime(lifetime); }
+    ~ShortSessions() { SocketServer::setLifetime(360s); }
 };
 
 class TransfersTest : public ::testing::Test {
@@ -42,83 +64,145 @@ protected:
         fs::create_directories(m_local);
     }
 
-    void connect() { m_server.attach(m_client); }
+    void connect()
+    {
+        m_server.attach(m_client);
+        if (m_smallBuffers) {
+            int size = 65536;
+            ::setsockopt(m_client.connection().fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+            ::setsockopt(m_client.connection().fd(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+        }
+    }
     std::string remote(const std::string& relative) { return (m_server.home().path() / "remote" / relative).string(); }
     std::string local(const std::string& name) { return (m_local / name).string(); }
+    Downloader::Item item(const std::string& name) { return {remote(name), local(name), std::nullopt}; }
+    Downloader downloader(Downloader::Options options = {})
+    {
+        return Downloader(m_client, options, [this] { connect(); });
+    }
 
     LoopbackServer m_server;
     ProtocolClient m_client;
     fs::path m_local;
+    bool m_smallBuffers = false;
 };
 
-TEST_F(TransfersTest, GetResumesPartialCopiesAndRefetchesWrongOnes)
+TEST_F(TransfersTest, GetReplacesAFileOnlyWithAVerifiedCompleteCopy)
 {
     const std::string content(700000, 'z');
+    m_server.home().write("remote/stale", "new content");
+    m_server.home().write("remote/shorter", "0123456789");
+    m_server.home().write("remote/same", "same");
     m_server.home().write("remote/partial", content);
-    m_server.home().write("remote/shorter", "short");
-    m_server.home().write("remote/fresh", "fresh");
-    m_server.home().write("remote/f", "0123456789");
-    m_server.home().write("local/partial", content.substr(0, 600000));
-    m_server.home().write("local/shorter", "a longer local copy");
-    m_server.home().write("local/f", "XXXX"); // resumed, then fails its digest
-    LocalFile::setModified(remote("fresh"), 1'500'000'000);
+    m_server.home().write("remote/badpart", "0123456789");
+    m_server.home().write("local/stale", "old content"); // same size, other bytes
+    m_server.home().write("local/shorter", "XXXX");      // never spliced onto
+    m_server.home().write("local/same", "same");
+    LocalFile::setModified(local("same"), 1'000'000'000);
+    // Our partial files count only when dated like the remote file.
+    LocalFile::setModified(remote("partial"), 1'500'000'000);
+    LocalFile::setModified(remote("badpart"), 1'500'000'000);
+    m_server.home().write("local/partial" + std::string(Downloader::kPartialSuffix), content.substr(0, 600000));
+    LocalFile::setModified(Downloader::partialPath(local("partial")), 1'500'000'000);
+    m_server.home().write("local/badpart" + std::string(Downloader::kPartialSuffix), "XXXXX");
+    LocalFile::setModified(Downloader::partialPath(local("badpart")), 1'500'000'000);
 
     RecordingProgress progress;
-    Downloader downloader(m_client, true);
-    auto outcomes = downloader.fetch(
-        {remote("partial"), remote("shorter"), remote("fresh"), remote("f")}, m_local.string(), &progress);
-    ASSERT_EQ(outcomes.size(), 4u);
-    for (const auto& o : outcomes) {
-        EXPECT_EQ(o.error, "") << o.remote;
-        EXPECT_TRUE(o.verified) << o.remote;
-    }
-    EXPECT_EQ(outcomes[0].resumedFrom, 600000);
-    EXPECT_EQ(outcomes[0].received, 100000);
+    auto outcomes = downloader().fetch(
+        {item("stale"), item("shorter"), item("same"), item("partial"), item("badpart"), item("missing")}, &progress);
+    ASSERT_EQ(outcomes.size(), 6u);
+    using R = Downloader::Result;
+    EXPECT_EQ(outcomes[0].result, R::Fetched);
+    EXPECT_EQ(outcomes[1].result, R::Fetched);
     EXPECT_EQ(outcomes[1].resumedFrom, 0);
+    EXPECT_EQ(outcomes[2].result, R::UpToDate);
+    EXPECT_EQ(outcomes[3].resumedFrom, 600000);
+    EXPECT_EQ(outcomes[3].received, 100000);
+    EXPECT_EQ(outcomes[4].result, R::Fetched); // resumed, failed its digest, fetched whole
+    EXPECT_EQ(outcomes[5].error, "no such file on the server");
+    EXPECT_EQ(readFile(local("stale")), "new content");
+    EXPECT_EQ(readFile(local("shorter")), "0123456789");
+    EXPECT_EQ(LocalFile::modifiedOf(local("same")), 1'000'000'000); // left alone
     EXPECT_EQ(readFile(local("partial")), content);
-    EXPECT_EQ(readFile(local("shorter")), "short");
-    EXPECT_EQ(readFile(local("fresh")), "fresh");
-    EXPECT_EQ(readFile(local("f")), "0123456789");
-    EXPECT_EQ(LocalFile::modifiedOf(local("fresh")), 1'500'000'000);
-    EXPECT_EQ(progress.starts.front(), "partial 600000/700000");
+    EXPECT_EQ(readFile(local("badpart")), "0123456789");
+    EXPECT_EQ(LocalFile::modifiedOf(local("partial")), 1'500'000'000);
+    EXPECT_FALSE(fs::exists(local("missing")));
+    for (const auto& name : {"stale", "partial", "badpart"})
+        EXPECT_FALSE(fs::exists(Downloader::partialPath(local(name)))) << name;
+    EXPECT_NE(std::find(progress.starts.begin(), progress.starts.end(), "partial 600000/700000"), progress.starts.end());
 }
 
-TEST_F(TransfersTest, AMissingFileDoesNotStopTheOthers)
+TEST_F(TransfersTest, GetWithoutDigestsTakesSizeAndDateForIdentity)
 {
-    m_server.home().write("remote/a", "a");
-    m_server.home().write("remote/c", "c");
-    Downloader downloader(m_client, false, [this] { connect(); });
-    auto outcomes = downloader.fetch({remote("a"), remote("b"), remote("c")}, m_local.string());
-    ASSERT_EQ(outcomes.size(), 3u);
-    EXPECT_EQ(outcomes[0].error, "");
-    EXPECT_EQ(outcomes[1].error, "Failed to open file: " + remote("b"));
-    EXPECT_EQ(outcomes[2].error, "");
-    EXPECT_EQ(readFile(local("c")), "c");
-    // Nothing is left behind for the file that never came.
-    EXPECT_FALSE(fs::exists(local("b")));
+    m_server.home().write("remote/f", "server");
+    m_server.home().write("local/f", "local!");
+    LocalFile::setModified(remote("f"), 1'600'000'000);
+    Downloader::Options options;
+    options.verify = false;
+    options.dryRun = true;
+    EXPECT_EQ(downloader(options).fetch({item("f")})[0].result, Downloader::Result::WouldFetch);
+    EXPECT_EQ(readFile(local("f")), "local!");
+    LocalFile::setModified(local("f"), 1'600'000'000);
+    EXPECT_EQ(downloader(options).fetch({item("f")})[0].result, Downloader::Result::UpToDate);
 }
 
-TEST_F(TransfersTest, PutSendsOnlyWhatTheServerLacks)
+TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
+{
+    const std::string content(6'000'000, 'q');
+    m_server.home().write("remote/big", content);
+    m_server.home().write("local/up", content);
+    ShortSessions limit(300ms);
+    RecordingProgress progress;
+    progress.delay = 2ms;
+    m_smallBuffers = true; // or the socket buffers hold much of the file
+
+    connect();
+    auto got = downloader().fetch({item("big")}, &progress);
+    EXPECT_EQ(got[0].result, Downloader::Result::Fetched) << got[0].error;
+    EXPECT_TRUE(got[0].verified);
+    EXPECT_EQ(readFile(local("big")), content);
+    ASSERT_FALSE(progress.notes.empty());
+    EXPECT_EQ(progress.notes.front(), "connection lost, reconnecting (1 of 5)");
+
+    progress.notes.clear();
+    connect();
+    Uploader uploader(m_client, {}, [this] { connect(); });
+    auto sent = uploader.send({{local("up"), remote("up"), std::nullopt, false}}, &progress);
+    EXPECT_EQ(sent[0].result, Uploader::Result::Sent) << sent[0].error;
+    EXPECT_TRUE(sent[0].verified);
+    EXPECT_EQ(readFile(remote("up")), content);
+    EXPECT_FALSE(progress.notes.empty());
+    EXPECT_EQ(sent[0].sent, 6'000'000);
+}
+
+TEST_F(TransfersTest, PutSkipsIdenticalFilesAndSendsOnlyWhatTheServerLacks)
 {
     const std::string content(1200000, 'p');
     m_server.home().write("local/song.mp3", content);
+    m_server.home().write("local/same", "same");
     m_server.home().write("local/empty", "");
+    m_server.home().write("local/folder", "a file");
+    m_server.home().write("remote/dir/same", "same");
     m_server.home().write("remote/dir/song.mp3.zandrel", content.substr(0, 200000));
+    fs::create_directories(remote("dir/folder"));
     LocalFile::setModified(local("song.mp3"), 1'234'567'890);
 
     RecordingProgress progress;
-    Uploader uploader(m_client, true);
-    auto outcomes = uploader.send({local("song.mp3"), local("empty"), local("nothing here")}, remote("dir/"), &progress);
-    ASSERT_EQ(outcomes.size(), 3u);
-    EXPECT_EQ(outcomes[0].error, "");
-    EXPECT_EQ(outcomes[0].remote, remote("dir/song.mp3"));
+    Uploader uploader(m_client, {}, [this] { connect(); });
+    auto to = [&](const std::string& name) { return Uploader::Item{local(name), remote("dir/" + name), {}, false}; };
+    auto outcomes = uploader.send({to("song.mp3"), to("same"), to("empty"), to("folder"), to("nothing here")}, &progress);
+    ASSERT_EQ(outcomes.size(), 5u);
+    EXPECT_EQ(outcomes[0].result, Uploader::Result::Sent) << outcomes[0].error;
     EXPECT_EQ(outcomes[0].resumedFrom, 200000);
     EXPECT_EQ(outcomes[0].sent, 1000000);
     EXPECT_TRUE(outcomes[0].verified);
-    EXPECT_TRUE(outcomes[1].verified);
-    EXPECT_NE(outcomes[2].error, "");
+    EXPECT_EQ(outcomes[1].result, Uploader::Result::UpToDate);
+    EXPECT_TRUE(outcomes[2].verified);
+    EXPECT_EQ(outcomes[3].error, "a folder on the server is in the way: " + remote("dir/folder"));
+    EXPECT_EQ(outcomes[4].result, Uploader::Result::Failed);
     EXPECT_EQ(readFile(remote("dir/song.mp3")), content);
     EXPECT_EQ(LocalFile::modifiedOf(remote("dir/song.mp3")), 1'234'567'890);
+    EXPECT_TRUE(fs::is_directory(remote("dir/folder")));
     EXPECT_EQ(progress.last, 1200000);
 }
 

@@ -1,0 +1,259 @@
+// get and put of the zandrel command line: single files and whole trees,
+// each file reported as it is settled, and a summary at the end.
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <ostream>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "client/ClientCommands.h"
+#include "client/Downloader.h"
+#include "client/ProgressMeter.h"
+#include "client/ProtocolClient.h"
+#include "client/Uploader.h"
+#include "wire/Paths.h"
+
+namespace fs = std::filesystem;
+
+namespace ClientCommands {
+
+namespace {
+
+// Counts for the closing line.
+struct Tally {
+    std::int64_t files = 0;
+    std::int64_t bytes = 0;
+    std::int64_t skipped = 0;
+    std::int64_t failed = 0;
+
+    // "got 3 files, 1.2 MiB; 2 up to date; 0 failed", or "would get ...".
+    std::string line(const char* done, const char* would, bool dryRun) const
+    {
+        return fmt::format("{} {} file{}, {}; {} up to date; {} failed", dryRun ? would : done, files,
+            files == 1 ? "" : "s", ProgressMeter::formatSize(bytes), skipped, failed);
+    }
+};
+
+std::string detail(std::int64_t bytes, std::int64_t resumedFrom, bool verified, bool dryRun)
+{
+    std::string text = fmt::format("{} bytes", bytes);
+    if (resumedFrom > 0)
+        text += fmt::format(", {} at {}", dryRun ? "resuming" : "resumed", resumedFrom);
+    if (verified)
+        text += ", digest verified";
+    return text;
+}
+
+// The part of a walked path below `root`, checked to stay below it: a name
+// from the server never climbs out of the folder it is copied into.
+std::optional<fs::path> below(const std::string& root, const std::string& full)
+{
+    if (full.size() <= root.size() + 1 || full.compare(0, root.size(), root) != 0 || full[root.size()] != '/')
+        return std::nullopt;
+    fs::path relative(full.substr(root.size() + 1));
+    for (const auto& part : relative)
+        if (part.empty() || part == "." || part == "..")
+            return std::nullopt;
+    return relative;
+}
+
+// Names no copy carries: the server's own partial uploads, ours, and the
+// folder metadata the server's walk leaves out.
+bool leftOut(const std::string& name)
+{
+    return name.ends_with(".zandrel") || name.ends_with(Downloader::kPartialSuffix) || name == ".DS_Store";
+}
+
+Downloader::Options downloaderOptions(const TransferOptions& o)
+{
+    Downloader::Options d;
+    d.verify = o.verify;
+    d.dryRun = o.dryRun;
+    d.retries = o.retries;
+    return d;
+}
+
+Uploader::Options uploaderOptions(const TransferOptions& o)
+{
+    Uploader::Options u;
+    u.verify = o.verify;
+    u.dryRun = o.dryRun;
+    u.retries = o.retries;
+    return u;
+}
+
+} // namespace
+
+int get(const Target& target, const std::vector<std::string>& remotes, const std::string& folder,
+    const TransferOptions& options, Console& console)
+{
+    return guard(target, console, [&] {
+        for (const auto& r : remotes)
+            requireAbsolute(r);
+        const fs::path into = folder.empty() ? "." : folder;
+        ProtocolClient client;
+        open(client, target);
+        Tally tally;
+        std::vector<Downloader::Item> items;
+        for (const auto& given : remotes) {
+            const auto remote = trimmed(given);
+            const fs::path local = into / Paths::lastPathComponent(remote);
+            if (!options.recursive || !client.pathExists(remote)) {
+                items.push_back({remote, local.string(), std::nullopt});
+                continue;
+            }
+            // A tree: its folders are made here first (empty ones too),
+            // then its files fetched; with digests the walk brings them.
+            ProtocolClient::TreeHandler walk;
+            walk.onFolder = [&](const RemoteFolder& f) {
+                auto relative = f.fullName == remote ? std::optional<fs::path>(fs::path()) : below(remote, f.fullName);
+                if (!relative) {
+                    complain(console, "get: left out " + f.fullName + ": a name that leaves the folder");
+                    ++tally.failed;
+                } else if (!options.dryRun) {
+                    fs::create_directories(local / *relative);
+                }
+            };
+            walk.onFile = [&](const RemoteFile& f) {
+                auto relative = below(remote, f.fullName);
+                if (!relative) {
+                    complain(console, "get: left out " + f.fullName + ": a name that leaves the folder");
+                    ++tally.failed;
+                    return;
+                }
+                items.push_back({f.fullName, (local / *relative).string(), f});
+            };
+            client.allFilesInFolder(remote, options.verify, walk);
+        }
+        if (!options.dryRun)
+            fs::create_directories(into);
+        std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.local < b.local; });
+
+        Downloader downloader(client, downloaderOptions(options), [&] { open(client, target); });
+        for (const auto& o : downloader.fetch(items, console.progress)) {
+            switch (o.result) {
+            case Downloader::Result::Fetched:
+            case Downloader::Result::WouldFetch: {
+                const bool dry = o.result == Downloader::Result::WouldFetch;
+                auto moved = dry ? o.size - o.resumedFrom : o.received;
+                say(console, fmt::format("{} {}  ({})", dry ? "would get" : "got", o.local,
+                                 detail(moved, o.resumedFrom, o.verified, dry)));
+                ++tally.files;
+                tally.bytes += moved;
+                break;
+            }
+            case Downloader::Result::UpToDate:
+                say(console, "up to date " + o.local);
+                ++tally.skipped;
+                break;
+            case Downloader::Result::Failed:
+                complain(console, "get " + o.remote + ": " + o.error);
+                ++tally.failed;
+                break;
+            }
+        }
+        say(console, tally.line("got", "would get", options.dryRun));
+        return tally.failed > 0 ? int(Failed) : int(Ok);
+    });
+}
+
+int put(const Target& target, const std::vector<std::string>& locals, const std::string& remoteFolder,
+    const TransferOptions& options, Console& console)
+{
+    return guard(target, console, [&] {
+        requireAbsolute(remoteFolder);
+        const auto into = trimmed(remoteFolder);
+        for (const auto& l : locals) {
+            std::error_code ec;
+            if (fs::is_directory(l, ec) && !options.recursive)
+                throw UsageError(l + " is a folder (put -r sends folders)");
+        }
+        ProtocolClient client;
+        open(client, target);
+        Tally tally;
+        std::vector<Uploader::Item> items;
+        std::vector<std::string> newFolders;
+        for (const auto& local : locals) {
+            auto name = fs::path(local).lexically_normal().filename().string();
+            if (name.empty())
+                name = fs::absolute(local).lexically_normal().parent_path().filename().string();
+            const auto remote = Uploader::remotePath(into, name);
+            std::error_code ec;
+            if (!fs::is_directory(local, ec)) {
+                items.push_back({local, remote, std::nullopt, false});
+                continue;
+            }
+            // What the server holds of this tree already, with digests.
+            std::map<std::string, RemoteFile> there;
+            std::set<std::string> folders;
+            if (client.pathExists(remote)) {
+                ProtocolClient::TreeHandler walk;
+                walk.onFolder = [&](const RemoteFolder& f) { folders.insert(f.fullName); };
+                walk.onFile = [&](const RemoteFile& f) { there[f.fullName] = f; };
+                client.allFilesInFolder(remote, options.verify, walk);
+            }
+            if (!folders.count(remote))
+                newFolders.push_back(remote);
+            for (auto it = fs::recursive_directory_iterator(local, ec); !ec && it != fs::recursive_directory_iterator();
+                 it.increment(ec)) {
+                const auto relative = it->path().lexically_relative(local).generic_string();
+                const auto path = remote + "/" + relative;
+                if (it->is_directory()) {
+                    if (!folders.count(path))
+                        newFolders.push_back(path);
+                } else if (it->is_regular_file() && !leftOut(it->path().filename().string())) {
+                    auto found = there.find(path);
+                    items.push_back({it->path().string(), path,
+                        found == there.end() ? std::nullopt : std::optional<RemoteFile>(found->second),
+                        found == there.end()});
+                }
+            }
+            if (ec)
+                complain(console, "put: cannot read all of " + local + ": " + ec.message());
+        }
+        std::sort(newFolders.begin(), newFolders.end());
+        std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.remote < b.remote; });
+        // Folders first, so that empty ones arrive too.
+        for (const auto& f : newFolders) {
+            if (options.dryRun) {
+                say(console, "would create " + f + "/");
+            } else if (client.createDirectories({f}) && client.pathExists(f)) {
+                say(console, "created " + f + "/");
+            } else {
+                complain(console, "put: cannot create the folder " + f + " on the server");
+                ++tally.failed;
+            }
+        }
+
+        Uploader uploader(client, uploaderOptions(options), [&] { open(client, target); });
+        for (const auto& o : uploader.send(items, console.progress)) {
+            switch (o.result) {
+            case Uploader::Result::Sent:
+            case Uploader::Result::WouldSend: {
+                const bool dry = o.result == Uploader::Result::WouldSend;
+                auto moved = dry ? o.size : o.sent;
+                say(console, fmt::format("{} {}  ({})", dry ? "would send" : "sent", o.remote,
+                                 detail(moved, o.resumedFrom, o.verified, dry)));
+                ++tally.files;
+                tally.bytes += moved;
+                break;
+            }
+            case Uploader::Result::UpToDate:
+                say(console, "up to date " + o.remote);
+                ++tally.skipped;
+                break;
+            case Uploader::Result::Failed:
+                complain(console, "put " + o.local + ": " + o.error);
+                ++tally.failed;
+                break;
+            }
+        }
+        say(console, tally.line("sent", "would send", options.dryRun));
+        return tally.failed > 0 ? int(Failed) : int(Ok);
+    });
+}
+
+} // namespace ClientCommands
