@@ -13,7 +13,9 @@
 #include "settings/Settings.h"
 
 App::App(std::shared_ptr<Settings> settings)
-    : m_settings(std::move(settings)), m_uiBridge(std::make_shared<UIBridge>(m_settings))
+    : m_settings(std::move(settings))
+    , m_uiBridge(std::make_shared<UIBridge>(m_settings))
+    , m_sessionLifetime(SocketServer::kLifetime)
 {
 }
 
@@ -43,7 +45,7 @@ void App::serverThread()
     auto work = asio::make_work_guard(*loop);
 
     auto broadcaster = std::make_shared<Broadcaster>(m_settings, m_uiBridge);
-    auto listener = std::make_shared<SocketListener>(m_settings, m_uiBridge);
+    auto listener = std::make_shared<SocketListener>(m_settings, m_uiBridge, m_sessionLifetime);
     {
         std::lock_guard lock(m_mutex);
         m_broadcaster = broadcaster;

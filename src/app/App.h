@@ -36,6 +36,9 @@ public:
     bool isRunning() const { return m_isRunning; }
     // When off, the broadcaster is made but never started (daemon --no-discovery).
     void setDiscoveryEnabled(bool enabled) { m_discovery = enabled; }
+    // How long each connection lives (360 s); only tests shorten it. Takes
+    // effect at the next start.
+    void setSessionLifetime(std::chrono::milliseconds lifetime) { m_sessionLifetime = lifetime; }
 
     std::shared_ptr<UIBridge> uiBridge() const { return m_uiBridge; }
     std::shared_ptr<Settings> settings() const { return m_settings; }
@@ -52,6 +55,7 @@ private:
     std::atomic<bool> m_isRunning{false};
     std::atomic<bool> m_discovery{true};
     std::atomic<bool> m_starting{false};
+    std::chrono::milliseconds m_sessionLifetime;
 
     // Guards the two pointers below and the running signal.
     mutable std::mutex m_mutex;

@@ -2,8 +2,13 @@
 
 #include <algorithm>
 
-SocketListener::SocketListener(std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge)
-    : m_settings(std::move(settings)), m_uiBridge(std::move(uiBridge))
+#include <fmt/format.h>
+
+#include "app/UIBridge.h"
+
+SocketListener::SocketListener(
+    std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge, std::chrono::milliseconds lifetime)
+    : m_settings(std::move(settings)), m_uiBridge(std::move(uiBridge)), m_lifetime(lifetime)
 {
 }
 
@@ -16,11 +21,16 @@ void SocketListener::handleNewConnection(std::optional<Bytes>, StreamPair stream
         if (!m_servers)
             m_servers.emplace();
         auto session = SocketServer::create(std::move(streams), m_settings, m_uiBridge,
-            std::weak_ptr<SessionRegistry>(shared_from_this()), runLoop());
+            std::weak_ptr<SessionRegistry>(shared_from_this()), runLoop(), m_lifetime);
         m_servers->push_back(std::move(session));
     } catch (...) {
         // The connection is simply dropped.
     }
+}
+
+void SocketListener::acceptFailed(const std::error_code& error)
+{
+    m_uiBridge->logError(fmt::format("Could not accept a connection: {}. Retrying.", error.message()));
 }
 
 void SocketListener::removeConnection(SocketServer* session)

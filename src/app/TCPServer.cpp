@@ -1,10 +1,19 @@
 #include "app/TCPServer.h"
 
+#include <algorithm>
 #include <future>
 
 #include <sys/socket.h>
 
 #include <asio/post.hpp>
+
+namespace {
+
+// The pause after a failed accept, doubled while failures go on.
+constexpr std::chrono::milliseconds kFirstRetry{50};
+constexpr std::chrono::milliseconds kLongestRetry{1000};
+
+} // namespace
 
 std::string TCPServerError::description() const
 {
@@ -45,6 +54,8 @@ bool TCPServer::start(std::optional<TCPServerError>* error, std::shared_ptr<asio
         m_port = socket->local_endpoint(ec).port();
     unscheduleFromRunLoop();
     m_socket = std::move(socket);
+    m_retry = std::make_unique<asio::steady_timer>(*loop);
+    m_retryDelay = std::chrono::milliseconds(0);
     m_runLoop = std::move(loop);
     m_scheduled = true;
     acceptNext();
@@ -58,29 +69,58 @@ void TCPServer::acceptNext()
     });
 }
 
+bool TCPServer::listening() const
+{
+    return m_socket && m_socket->is_open() && m_scheduled;
+}
+
 void TCPServer::onAccept(const std::error_code& ec, asio::ip::tcp::socket socket)
 {
     // A stop that raced this completion wins.
-    if (ec == asio::error::operation_aborted || !m_socket || !m_socket->is_open() || !m_scheduled)
+    if (ec == asio::error::operation_aborted || !listening())
         return;
-    if (!ec) {
-        std::error_code releaseError;
-        int fd = socket.release(releaseError);
-        if (!releaseError && fd >= 0) {
-            sockaddr_storage peer{};
-            socklen_t length = sizeof peer;
-            std::optional<Bytes> address;
-            if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
-                auto* p = reinterpret_cast<const std::uint8_t*>(&peer);
-                address = Bytes(p, p + std::min<socklen_t>(length, 255));
-            }
-            handleNewConnection(std::move(address), makeStreamPair(fd));
+    if (ec) {
+        retryLater(ec);
+        return;
+    }
+    m_retryDelay = std::chrono::milliseconds(0);
+    std::error_code releaseError;
+    int fd = socket.release(releaseError);
+    if (!releaseError && fd >= 0) {
+        sockaddr_storage peer{};
+        socklen_t length = sizeof peer;
+        std::optional<Bytes> address;
+        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+            auto* p = reinterpret_cast<const std::uint8_t*>(&peer);
+            address = Bytes(p, p + std::min<socklen_t>(length, 255));
         }
+        handleNewConnection(std::move(address), makeStreamPair(fd));
     }
     acceptNext();
 }
 
+// Accepting again at once after a failure (no descriptors left, ...) would
+// spin a core and still serve nobody: pause instead, 50 ms doubling to 1 s,
+// and report the failure once for the whole run of them.
+void TCPServer::retryLater(const std::error_code& ec)
+{
+    ++m_acceptFailures;
+    if (m_retryDelay.count() == 0) {
+        acceptFailed(ec);
+        m_retryDelay = kFirstRetry;
+    } else {
+        m_retryDelay = std::min(m_retryDelay * 2, kLongestRetry);
+    }
+    m_retry->expires_after(m_retryDelay);
+    m_retry->async_wait([this](const std::error_code& waited) {
+        if (!waited && listening())
+            acceptNext();
+    });
+}
+
 void TCPServer::handleNewConnection(std::optional<Bytes>, StreamPair) {}
+
+void TCPServer::acceptFailed(const std::error_code&) {}
 
 void TCPServer::unscheduleFromRunLoop()
 {
@@ -94,6 +134,8 @@ void TCPServer::closeSocket()
     std::error_code ec;
     m_socket->close(ec);
     m_socket.reset();
+    if (m_retry)
+        m_retry->cancel();
 }
 
 bool TCPServer::stop()

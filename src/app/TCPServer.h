@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -7,6 +9,7 @@
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "wire/Bytes.h"
 #include "wire/SocketStreams.h"
@@ -40,21 +43,33 @@ public:
     std::uint16_t port() const { return m_port; }
     void setPort(std::uint16_t port) { m_port = port; }
     int nativeSocket() const { return m_nativeSocket; }
+    // Accepts that failed since start (out of descriptors, ...).
+    std::uint64_t acceptFailures() const { return m_acceptFailures; }
 
 protected:
     // Called on the server thread with each accepted connection; the base
     // drops it (the streams go, and the connection closes).
     virtual void handleNewConnection(std::optional<Bytes> address, StreamPair streams);
+    // Called on the server thread at the first failed accept after a good
+    // one; accepting goes on by itself after a pause.
+    virtual void acceptFailed(const std::error_code& error);
     const std::shared_ptr<asio::io_context>& runLoop() const { return m_runLoop; }
 
 private:
     void acceptNext();
     void onAccept(const std::error_code& ec, asio::ip::tcp::socket socket);
+    void retryLater(const std::error_code& ec);
+    bool listening() const;
     void closeSocket();
 
     std::uint16_t m_port = 0;
     std::shared_ptr<asio::io_context> m_runLoop;
     std::unique_ptr<asio::ip::tcp::acceptor> m_socket;
-    bool m_scheduled = false;
-    int m_nativeSocket = kNoSocket;
+    // Re-arms accepting after a failure; the pause doubles while it lasts.
+    std::unique_ptr<asio::steady_timer> m_retry;
+    std::chrono::milliseconds m_retryDelay{0};
+    std::atomic<std::uint64_t> m_acceptFailures{0};
+    // Cleared by stop on any thread, read by the accept handler.
+    std::atomic<bool> m_scheduled{false};
+    std::atomic<int> m_nativeSocket{kNoSocket};
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -39,9 +40,22 @@ const std::string kUploading = "uploading files";
 const std::string kReceivingData = "receiving file data";
 
 // Serialises the reception of file data across every session of the process.
-std::mutex& uploadLock()
+std::timed_mutex& uploadLock()
 {
-    static std::mutex lock;
+    static std::timed_mutex lock;
+    return lock;
+}
+
+// Waits for the upload lock while the connection stays open. A session whose
+// streams were closed (stop, the lifetime timer) never takes the lock: it
+// fails as its first read of file data would.
+std::unique_lock<std::timed_mutex> takeUploadLock(const InputStream& input)
+{
+    std::unique_lock lock(uploadLock(), std::defer_lock);
+    while (input.isUsable() && !lock.try_lock_for(std::chrono::milliseconds(100))) {
+    }
+    if (!input.isUsable())
+        throw SyncException("Read Failed", fmt::format("{} returned while trying to {}", 0, kReceivingData));
     return lock;
 }
 
@@ -289,7 +303,7 @@ private:
     // phone then gets is that of whatever the destination still holds.
     std::int64_t receiveData(const Incoming& file)
     {
-        std::lock_guard lock(uploadLock());
+        auto lock = takeUploadLock(m_input);
         std::unique_ptr<PartialFile> partial;
         if (file.disk)
             partial = PartialFile::open(PartialFile::pathFor(*file.disk), file.offset);

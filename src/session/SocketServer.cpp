@@ -4,9 +4,6 @@
 #include <latch>
 #include <thread>
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -17,8 +14,6 @@
 #include "wire/Digest.h"
 
 namespace {
-
-std::atomic<std::int64_t> g_lifetimeMs{360000};
 
 // Counts session threads that have not finished, for a clean process exit.
 std::mutex g_liveMutex;
@@ -37,22 +32,25 @@ void liveAdd(int delta)
 } // namespace
 
 std::shared_ptr<SocketServer> SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
-    std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io)
+    std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io,
+    std::chrono::milliseconds lifetime)
 {
     std::shared_ptr<SocketServer> session(
         new SocketServer(std::move(streams), std::move(settings), std::move(uiBridge), std::move(listener), io));
 
     // The thread waits for creation to finish, so that "Added connection."
-    // always precedes the session's own lines.
+    // always precedes the session's own lines (and so that it is counted
+    // before it can finish). When the thread cannot be made, the session and
+    // with it the connection go at once and nothing is counted.
     auto created = std::make_shared<std::latch>(1);
-    liveAdd(1);
     std::thread([session, created] {
         created->wait();
         session->threadProc();
         liveAdd(-1);
     }).detach();
+    liveAdd(1);
 
-    session->m_timer = std::make_unique<asio::steady_timer>(*io, std::chrono::milliseconds(g_lifetimeMs.load()));
+    session->m_timer = std::make_unique<asio::steady_timer>(*io, lifetime);
     std::weak_ptr<SocketServer> weak = session;
     session->m_timer->async_wait([weak](const std::error_code& ec) {
         if (ec)
@@ -74,7 +72,6 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
     , m_listener(std::move(listener))
     , m_io(*m_istream, *m_ostream, *this)
     , m_loop(std::move(io))
-    , m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     m_keepRunning = true;
     auto onEvent = [this](int event) { streamEvent(event); };
@@ -82,13 +79,7 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
     m_ostream->setEventHandler(onEvent);
 }
 
-SocketServer::~SocketServer()
-{
-    if (m_wakeFd >= 0)
-        ::close(m_wakeFd);
-}
-
-void SocketServer::setLifetime(std::chrono::milliseconds lifetime) { g_lifetimeMs = lifetime.count(); }
+SocketServer::~SocketServer() = default;
 
 int SocketServer::liveSessions()
 {
@@ -108,9 +99,11 @@ std::string SocketServer::getMD5FromString(const std::string& text) { return Dig
 
 void SocketServer::shutdown()
 {
+    // Clearing the flag alone would leave a session that waits inside a read
+    // for a stalled peer (perhaps holding the upload lock) running for ever.
     m_keepRunning = false;
-    std::uint64_t one = 1;
-    [[maybe_unused]] auto n = ::write(m_wakeFd, &one, sizeof one);
+    m_istream->close();
+    m_ostream->close();
 }
 
 void SocketServer::streamEvent(int event)
@@ -148,22 +141,23 @@ bool SocketServer::waitForCommand()
 {
     if (m_istream->hasBytesAvailable())
         return true;
-    // Instead of sleeping in short steps: wait for data on the socket (while
-    // it is still open) or for shutdown(), whichever comes first. Closing the
-    // streams shuts the socket down, which wakes this wait too, so it needs no
-    // time-out and an idle session costs nothing.
-    pollfd fds[2];
-    nfds_t count = 0;
+    // Instead of sleeping in short steps: wait for data on the socket.
+    // Closing the streams (the lifetime timer, shutdown) shuts the socket
+    // down, which wakes this wait too, so it needs no time-out and an idle
+    // session costs nothing.
     if (m_istream->isUsable())
-        fds[count++] = {m_istream->fd(), POLLIN, 0};
-    fds[count++] = {m_wakeFd, POLLIN, 0};
-    ::poll(fds, count, -1);
+        m_istream->waitReadable(-1);
     return m_istream->hasBytesAvailable();
 }
 
 void SocketServer::commandLoop()
 {
     while (m_keepRunning) {
+        // Streams closed by the lifetime timer end the session now, the way a
+        // peer that went away does: left waiting for a flag that nothing
+        // clears, it would keep its thread and socket for ever.
+        if (!m_istream->isUsable())
+            break;
         if (waitForCommand()) {
             std::uint8_t code = 0;
             m_io.read(&code, 1, "get command");

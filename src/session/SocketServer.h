@@ -28,28 +28,34 @@ public:
 
 // One phone's session: its own thread reads one command at a time, applies
 // the password rule and hands the command to its handler. Created on the
-// server thread; the lifetime timer fires there too and only closes streams.
+// server thread; the lifetime timer fires there too and only closes streams,
+// which ends the session at once, as a peer going away does.
 class SocketServer : public std::enable_shared_from_this<SocketServer>, private StreamLogger {
 public:
+    // How long a connection lives after it was accepted.
+    static constexpr std::chrono::milliseconds kLifetime{360000};
+
     // Builds the session, starts its thread and arms its lifetime timer on
-    // `io` (the server thread's loop). Logs "Added connection.".
+    // `io` (the server thread's loop). Logs "Added connection.". Throws when
+    // the thread cannot be made; the connection is then closed.
     static std::shared_ptr<SocketServer> create(StreamPair streams, std::shared_ptr<Settings> settings,
         std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener,
-        std::shared_ptr<asio::io_context> io);
+        std::shared_ptr<asio::io_context> io, std::chrono::milliseconds lifetime = kLifetime);
     ~SocketServer() override;
     SocketServer(const SocketServer&) = delete;
     SocketServer& operator=(const SocketServer&) = delete;
 
     bool isConnected() const { return m_connected; }
-    // Asks the loop to end at its next check; callable from any thread.
+    // Ends the session: clears the keep-running flag and closes both
+    // streams, which wakes whatever the thread waits for (the next command,
+    // a read from a stalled peer, a full socket, the upload lock) and fails
+    // the command in progress. Callable from any thread.
     void shutdown();
 
     // Digest texts: lower case for files, upper case for strings.
     static std::string getMD5FromFile(const std::string& path);
     static std::string getMD5FromString(const std::string& text);
 
-    // How long a connection lives (360 s); tests shorten it.
-    static void setLifetime(std::chrono::milliseconds lifetime);
     // Sessions whose thread has not finished yet, process-wide.
     static int liveSessions();
     // Waits until every session thread has finished, or the time runs out.
@@ -113,8 +119,6 @@ private:
     // Declared before the timer so that the loop outlives it.
     std::shared_ptr<asio::io_context> m_loop;
     std::unique_ptr<asio::steady_timer> m_timer;
-    // Wakes the wait between commands when shutdown() is called.
-    int m_wakeFd = -1;
 
     // Written by the listener's and the session's threads, read by the loop.
     std::atomic<bool> m_keepRunning{false};

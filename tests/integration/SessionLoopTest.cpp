@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -152,16 +153,23 @@ TEST_F(SessionLoop, PeerLeavingBetweenCommandsLogsTheSessionLinesOnly)
     EXPECT_EQ(std::vector<std::string>(first, lines.end()), expected);
 }
 
-TEST(SessionLifetime, TimerClosesAnIdleConnection)
+TEST(SessionLifetime, TimerEndsTheSessionAtOnce)
 {
-    SocketServer::setLifetime(300ms);
-    LoopbackServer server;
-    auto c = server.connect();
-    EXPECT_TRUE(c->waitForClose(5s));
-    // The idle loop keeps the session until it is told to end.
-    EXPECT_EQ(server.app().listener()->connections().size(), 1u);
-    EXPECT_FALSE(server.log().contains("Connection closed."));
-    SocketServer::setLifetime(360s);
+    LoopbackServer server(false);
+    server.app().setSessionLifetime(300ms);
+    server.start();
+    auto idle = server.connect();
+    auto busy = server.connect();
+    busy->sendCommand(17);
+    busy->readExact(19);
+    EXPECT_TRUE(idle->waitForClose(5s));
+    EXPECT_TRUE(busy->waitForClose(5s));
+    // Ended like a session whose phone went away: thread gone, registry empty.
+    EXPECT_TRUE(SocketServer::waitForAllSessions(5s));
+    EXPECT_TRUE(server.app().listener()->connections().empty());
+    auto lines = server.log().lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Connection closed."), 2);
+    EXPECT_FALSE(server.log().contains("Stopped Echo server"));
 }
 
 TEST(SessionLifetime, StopEndsEverySession)

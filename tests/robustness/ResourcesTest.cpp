@@ -1,0 +1,162 @@
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "LoopbackServer.h"
+#include "ProcessUsage.h"
+#include "app/SocketListener.h"
+#include "session/SocketServer.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+void identifyAndGo(LoopbackServer& server)
+{
+    auto c = server.connect();
+    c->sendCommandWithPassword(14, "");
+    EXPECT_EQ(c->readReply().code, 14);
+}
+
+// Lowers this process's soft limit on descriptors for the life of the object.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(rlim_t soft)
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_old);
+        rlimit lower = m_old;
+        lower.rlim_cur = std::min(soft, m_old.rlim_cur);
+        ::setrlimit(RLIMIT_NOFILE, &lower);
+    }
+    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &m_old); }
+
+private:
+    rlimit m_old{};
+};
+
+long virtualMemoryBytes()
+{
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long kib = 0;
+    while (status >> key) {
+        if (key == "VmSize:") {
+            status >> kib;
+            break;
+        }
+    }
+    return kib * 1024;
+}
+
+} // namespace
+
+TEST(Resources, ConnectionsThatIdentifyAndGoLeaveNothingBehind)
+{
+    LoopbackServer server;
+    identifyAndGo(server);
+    ASSERT_TRUE(SocketServer::waitForAllSessions(10s));
+    auto baseline = ProcessUsage::now();
+    for (int i = 0; i < 200; ++i)
+        identifyAndGo(server);
+    EXPECT_TRUE(SocketServer::waitForAllSessions(10s));
+    EXPECT_TRUE(ProcessUsage::waitUntilBackTo(baseline, 10s));
+    EXPECT_TRUE(server.app().listener()->connections().empty());
+}
+
+TEST(Resources, ConnectionsTheLifetimeTimerClosesLeaveNothingBehind)
+{
+    LoopbackServer server(false);
+    server.app().setSessionLifetime(500ms);
+    server.start();
+    auto baseline = ProcessUsage::now();
+    {
+        // Idle, stopped inside a header, and between commands.
+        std::vector<std::unique_ptr<SyncClient>> held;
+        for (int i = 0; i < 30; ++i) {
+            auto c = server.connect();
+            if (i % 3 == 1)
+                c->sendRaw(Bytes{17, 1, 0});
+            if (i % 3 == 2)
+                c->sendCommand(17);
+            held.push_back(std::move(c));
+        }
+        for (auto& c : held)
+            EXPECT_TRUE(c->waitForClose(10s));
+    }
+    EXPECT_TRUE(SocketServer::waitForAllSessions(10s));
+    EXPECT_TRUE(ProcessUsage::waitUntilBackTo(baseline, 10s));
+    EXPECT_TRUE(server.app().listener()->connections().empty());
+    auto lines = server.log().lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Connection closed."), 30);
+}
+
+TEST(Resources, AcceptPausesWhileDescriptorsRunOutAndResumesWhenTheyFreeUp)
+{
+    LoopbackServer server;
+    std::vector<int> spare;
+    SyncClient waiting;
+    {
+        DescriptorLimit limit(ProcessUsage::now().descriptors + 64);
+        spare.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        ASSERT_GE(spare.back(), 0);
+        for (int fd; (fd = ::dup(spare.front())) >= 0;)
+            spare.push_back(fd);
+        // One left for the phone; none for the server to accept it with.
+        ::close(spare.back());
+        spare.pop_back();
+        waiting.connect("127.0.0.1", server.port());
+        waiting.setPasswordHash(server.hash());
+        EXPECT_TRUE(server.log().waitFor("Could not accept a connection: Too many open files. Retrying."));
+        // Nothing can come while the server has no descriptor for the phone.
+        pollfd p{waiting.fd(), POLLIN, 0};
+        EXPECT_EQ(::poll(&p, 1, 600), 0);
+        // Spinning would have retried thousands of times by now.
+        EXPECT_LT(server.app().listener()->acceptFailures(), 20u);
+        for (int fd : spare)
+            ::close(fd);
+    }
+    waiting.setTimeout(10s);
+    waiting.sendCommand(17);
+    EXPECT_EQ(waiting.readReply().code, 17);
+    auto lines = server.log().lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                  [](const auto& line) { return line.starts_with("Could not accept a connection"); }),
+        1);
+}
+
+TEST(Resources, ASessionThreadThatCannotStartLeavesNothingCounted)
+{
+    LoopbackServer server;
+    // Live sessions use up the stacks that ended threads left for reuse, so
+    // that the next thread needs fresh address space.
+    std::vector<std::unique_ptr<SyncClient>> live;
+    for (int i = 0; i < 8; ++i) {
+        live.push_back(server.connect());
+        live.back()->sendCommand(17);
+        live.back()->readExact(19);
+    }
+    SyncClient refused;
+    {
+        rlimit old{};
+        ::getrlimit(RLIMIT_AS, &old);
+        rlimit tight = old;
+        tight.rlim_cur = static_cast<rlim_t>(virtualMemoryBytes() + (1 << 20));
+        ASSERT_EQ(::setrlimit(RLIMIT_AS, &tight), 0);
+        refused.connect("127.0.0.1", server.port());
+        bool closed = refused.waitForClose(10s);
+        ::setrlimit(RLIMIT_AS, &old);
+        EXPECT_TRUE(closed);
+    }
+    live.clear();
+    EXPECT_TRUE(SocketServer::waitForAllSessions(10s));
+    identifyAndGo(server);
+}

@@ -1,0 +1,124 @@
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "LoopbackServer.h"
+#include "app/SocketListener.h"
+#include "client/ProtocolClient.h"
+#include "session/SessionTestHelpers.h"
+#include "session/SocketServer.h"
+#include "wire/Digest.h"
+
+using namespace std::chrono_literals;
+using namespace SessionTest;
+
+namespace {
+
+// Phones that stop sending half-way: one inside a request header, one
+// inside an upload's data (holding the upload lock), one whose upload waits
+// for that lock.
+class StalledPeers : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_folder = server.home().path() / "music";
+        std::filesystem::create_directories(m_folder);
+        m_song = server.home().write("music/song.mp3", std::string(1500000, 's')).string();
+
+        silent = server.connect();
+        silent->sendRaw(Bytes{Command::FoldersInFolder, 40, 0, 0});
+        holder = startUpload("held.bin");
+        holder->sendRaw(Bytes(1000, 'h'));
+        ASSERT_TRUE(waitForPartial("held.bin.zandrel", 1000));
+        waiter = startUpload("waits.bin");
+        waiter->sendRaw(Bytes(1000, 'w'));
+    }
+
+    std::unique_ptr<SyncClient> startUpload(const std::string& name)
+    {
+        auto c = server.connect();
+        c->sendCommand(Command::UploadFiles,
+            join({flag(false), number(1), text((m_folder / name).string()), number(2000000), number(1)}));
+        EXPECT_EQ(c->readReply().code, Command::UploadFiles);
+        return c;
+    }
+
+    bool waitForPartial(const std::string& name, std::uintmax_t size)
+    {
+        auto path = m_folder / name;
+        auto deadline = std::chrono::steady_clock::now() + 10s;
+        std::error_code ec;
+        while (std::filesystem::file_size(path, ec) != size || ec) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            std::this_thread::sleep_for(10ms);
+        }
+        return true;
+    }
+
+    LoopbackServer server;
+    std::filesystem::path m_folder;
+    std::string m_song;
+    std::unique_ptr<SyncClient> silent, holder, waiter;
+};
+
+} // namespace
+
+TEST_F(StalledPeers, NeverHoldUpAnotherPhonesBrowseOrDownload)
+{
+    ProtocolClient phone;
+    server.attach(phone);
+    // Only a hang fails this: each call may wait for the peer up to 10 s.
+    phone.setTimeout(10s);
+    auto files = phone.filesInFolder(m_folder.string());
+    EXPECT_TRUE(std::any_of(files.begin(), files.end(), [](const auto& f) { return f.name == "song.mp3"; }));
+    std::string digest;
+    std::size_t bytes = 0;
+    phone.downloadFiles({{m_song, 0}}, true,
+        {nullptr, [&](std::size_t, const std::uint8_t*, std::size_t n) { bytes += n; },
+            [&](std::size_t, const std::string& d) { digest = d; }});
+    EXPECT_EQ(bytes, 1500000u);
+    EXPECT_EQ(digest, Digest::md5OfFile(m_song));
+    // The stalled phones were there all along.
+    EXPECT_FALSE(silent->waitForClose(0ms));
+    EXPECT_FALSE(holder->waitForClose(0ms));
+}
+
+TEST_F(StalledPeers, StopEndsThemAndLeavesTheUploadLockFree)
+{
+    server.app().stop();
+    // Within a second, normally; the bound only catches a session left behind.
+    EXPECT_TRUE(SocketServer::waitForAllSessions(5s));
+    for (auto* c : {silent.get(), holder.get(), waiter.get()})
+        EXPECT_TRUE(c->waitForClose(5s));
+
+    server.start();
+    ProtocolClient phone;
+    server.attach(phone);
+    phone.setTimeout(10s);
+    std::vector<ProtocolClient::UploadResult> results;
+    phone.uploadFiles({{(m_folder / "after.bin").string(), 4, 1, ""}}, false,
+        {nullptr, [](std::size_t, std::int64_t, std::uint8_t* buffer, std::size_t length) {
+             std::fill_n(buffer, length, 'a');
+             return length;
+         },
+            nullptr, [&](std::size_t, const ProtocolClient::UploadResult& r) { results.push_back(r); }});
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0].received, 4);
+}
+
+TEST_F(StalledPeers, AnUploadToldToEndWhileWaitingForTheLockEndsWithoutIt)
+{
+    auto sessions = server.app().listener()->connections();
+    ASSERT_EQ(sessions.size(), 3u);
+    sessions.back()->shutdown();
+    // Only the waiting upload can have ended.
+    EXPECT_TRUE(server.log().waitFor("Connection closed."));
+    EXPECT_FALSE(std::filesystem::exists(m_folder / "waits.bin.zandrel"));
+    EXPECT_FALSE(holder->waitForClose(0ms));
+}
