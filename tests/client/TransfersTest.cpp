@@ -48,12 +48,14 @@ public:
     std::chrono::milliseconds delay{0};
 };
 
-// Sessions end this soon after they begin, as they do after 360 s.
-class ShortSessions {
-public:
-    explicit ShortSessions(std::chrono::milliseconds lifetime) { SocketServer::setLifetime(lifetime); }
-    ~ShortSessions() { SocketServer::setLifetime(360s); }
-};
+// Restarts the server with sessions that end this soon after they begin, as
+// they do after 360 s.
+void shortenSessions(LoopbackServer& server, std::chrono::milliseconds lifetime)
+{
+    server.stop();
+    server.app().setSessionLifetime(lifetime);
+    server.start();
+}
 
 class TransfersTest : public ::testing::Test {
 protected:
@@ -151,7 +153,7 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
     const std::string content(6'000'000, 'q');
     m_server.home().write("remote/big", content);
     m_server.home().write("local/up", content);
-    ShortSessions limit(300ms);
+    shortenSessions(m_server, 300ms);
     RecordingProgress progress;
     progress.delay = 2ms;
     m_smallBuffers = true; // or the socket buffers hold much of the file
