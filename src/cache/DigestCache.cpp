@@ -76,8 +76,7 @@ DigestCache::~DigestCache()
     }
     m_wake.notify_all();
     m_writer.join();
-    if (m_db)
-        sqlite3_close(m_db);
+    closeDb();
 }
 
 std::string DigestCache::digestOf(const std::string& path, const std::optional<FileState>& seen)
@@ -106,22 +105,27 @@ std::optional<std::string> DigestCache::lookup(const FileState& state)
     open();
     if (!m_db)
         return std::nullopt;
-    Statement select(m_db, "SELECT size, modified, changed, md5 FROM digests WHERE device = ?1 AND inode = ?2");
-    if (!select)
+    if (!m_select
+        && sqlite3_prepare_v3(m_db, "SELECT size, modified, changed, md5 FROM digests WHERE device = ?1 AND inode = ?2",
+               -1, SQLITE_PREPARE_PERSISTENT, &m_select, nullptr)
+            != SQLITE_OK)
         return std::nullopt;
-    select.bind(1, static_cast<std::int64_t>(state.device));
-    select.bind(2, static_cast<std::int64_t>(state.inode));
-    if (sqlite3_step(select.get()) != SQLITE_ROW)
+    sqlite3_reset(m_select);
+    sqlite3_bind_int64(m_select, 1, static_cast<std::int64_t>(state.device));
+    sqlite3_bind_int64(m_select, 2, static_cast<std::int64_t>(state.inode));
+    if (sqlite3_step(m_select) != SQLITE_ROW)
         return std::nullopt;
     FileState stored = state;
-    stored.size = sqlite3_column_int64(select.get(), 0);
-    stored.modifiedNs = sqlite3_column_int64(select.get(), 1);
-    stored.changedNs = sqlite3_column_int64(select.get(), 2);
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 3));
-    if (!(stored == state) || !text)
-        return std::nullopt;
-    std::string digest(text);
-    remember(state, digest);
+    stored.size = sqlite3_column_int64(m_select, 0);
+    stored.modifiedNs = sqlite3_column_int64(m_select, 1);
+    stored.changedNs = sqlite3_column_int64(m_select, 2);
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(m_select, 3));
+    std::optional<std::string> digest;
+    if (stored == state && text)
+        digest = std::string(text);
+    sqlite3_reset(m_select);
+    if (digest)
+        remember(state, *digest);
     return digest;
 }
 
@@ -182,12 +186,18 @@ void DigestCache::open()
     bypass(error);
 }
 
+void DigestCache::closeDb()
+{
+    sqlite3_finalize(m_select);
+    m_select = nullptr;
+    if (m_db)
+        sqlite3_close(m_db);
+    m_db = nullptr;
+}
+
 bool DigestCache::openOnce(std::string& error)
 {
-    if (m_db) {
-        sqlite3_close(m_db);
-        m_db = nullptr;
-    }
+    closeDb();
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(m_file).parent_path(), ignored);
     if (sqlite3_open_v2(m_file.c_str(), &m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
@@ -214,10 +224,7 @@ bool DigestCache::openOnce(std::string& error)
 // Called under m_mutex: the cache goes on in memory only.
 void DigestCache::bypass(const std::string& why)
 {
-    if (m_db) {
-        sqlite3_close(m_db);
-        m_db = nullptr;
-    }
+    closeDb();
     m_pending.clear();
     m_problem = "Digest cache " + m_file + " cannot be used (" + why + "); digests are kept in memory only.";
 }

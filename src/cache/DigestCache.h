@@ -15,6 +15,7 @@
 #include "cache/FileState.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 // MD5 digests of files, kept across restarts so that an unchanged file is
 // never read again to answer a digest. A bounded map in memory stands in
@@ -63,6 +64,7 @@ private:
     };
 
     void open();
+    void closeDb();
     bool openOnce(std::string& error);
     void bypass(const std::string& why);
     void remember(const FileState& state, const std::string& digest);
@@ -79,6 +81,7 @@ private:
     std::vector<std::pair<FileState, std::string>> m_pending;
     std::size_t m_inFlight = 0;
     sqlite3* m_db = nullptr;
+    sqlite3_stmt* m_select = nullptr;
     bool m_opened = false;
     bool m_stopping = false;
     std::string m_problem;

@@ -18,6 +18,7 @@
 #include <fmt/format.h>
 
 #include "app/UIBridge.h"
+#include "cache/DigestCache.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
 #include "session/DiskPath.h"
@@ -26,6 +27,7 @@
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
+#include "wire/Digest.h"
 #include "wire/Paths.h"
 #include "wire/SyncException.h"
 
@@ -186,7 +188,7 @@ private:
         sendBytes(source, *disk, file.offset, static_cast<std::int64_t>(record.size));
 
         if (withDigest)
-            m_io.writeData(BitHelper::encodeString(SocketServer::getMD5FromFile(*disk)), kDownloading);
+            m_io.writeData(BitHelper::encodeString(DigestCache::shared()->digestOf(*disk)), kDownloading);
         m_bridge.logInfo(fmt::format("Sent: {}", *disk));
     }
 
@@ -287,10 +289,11 @@ private:
         m_bridge.logInfo(fmt::format("Receiving: {}. Offset = {}", file.path, file.offset));
         notifyIfWanted(m_bridge, m_settings, "Receiving File", file.path, "RECEIVEFILE");
 
-        auto received = receiveData(file);
+        std::optional<std::string> written;
+        auto received = receiveData(file, withDigest ? &written : nullptr);
         m_io.writeData(BitHelper::encodeLongLong(received), kUploading);
         if (withDigest)
-            m_io.writeData(BitHelper::encodeString(digestOf(file.disk)), kUploading);
+            m_io.writeData(BitHelper::encodeString(written ? *written : digestOf(file.disk)), kUploading);
         m_bridge.logInfo(fmt::format("Saved: {}.", file.path));
     }
 
@@ -301,30 +304,40 @@ private:
     // destination for nothing. When the partial no longer continues where
     // the phone resumes, the bytes are read and dropped, and the digest the
     // phone then gets is that of whatever the destination still holds.
-    std::int64_t receiveData(const Incoming& file)
+    //
+    // Each chunk is put on disk by a helper while the next one is received;
+    // the last sync is waited for before the count is answered, so no byte
+    // the phone is told of can be lost. A whole file written here from its
+    // first byte is digested as it is written (`written`), never read back.
+    std::int64_t receiveData(const Incoming& file, std::optional<std::string>* written)
     {
         auto lock = takeUploadLock(m_input);
         std::unique_ptr<PartialFile> partial;
         if (file.disk)
             partial = PartialFile::open(PartialFile::pathFor(*file.disk), file.offset);
+        std::optional<Digest::Md5> md5;
+        if (written && partial && file.offset == 0)
+            md5.emplace();
         std::int64_t remaining = file.size - file.offset;
         std::int64_t received = 0;
         if (m_buffer.empty() && remaining > 0)
             m_buffer.resize(kChunkSize);
         while (remaining > 0) {
             auto n = std::min(remaining, kChunkSize);
-            receiveChunk(partial.get(), n);
-            if (partial)
-                partial->flush();
+            receiveChunk(partial.get(), n, md5 ? &*md5 : nullptr);
             received += n;
+            remaining -= n;
+            if (partial && remaining > 0)
+                partial->flushInBackground();
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, file.offset + received));
             m_bridge.setProgress(low32(received), low32(file.size));
-            remaining -= n;
         }
         if (partial) {
+            partial->flush();
             partial->setModified(file.modified);
-            partial->moveIntoPlace(*file.disk, file.modified);
+            if (partial->moveIntoPlace(*file.disk, file.modified) && md5)
+                *written = md5->hex();
         }
         return received;
     }
@@ -333,7 +346,7 @@ private:
     // that a connection cut mid-chunk still leaves every byte that came
     // before the cut in the partial file. Without a partial the bytes are
     // only taken off the connection.
-    void receiveChunk(PartialFile* partial, std::int64_t length)
+    void receiveChunk(PartialFile* partial, std::int64_t length, Digest::Md5* md5)
     {
         std::int64_t filled = 0;
         while (filled < length) {
@@ -341,13 +354,15 @@ private:
             m_io.read(m_buffer.data() + filled, piece, kReceivingData);
             if (partial)
                 partial->append(m_buffer.data() + filled, static_cast<std::size_t>(piece));
+            if (md5)
+                md5->update(m_buffer.data() + filled, static_cast<std::size_t>(piece));
             filled += piece;
         }
     }
 
     static std::string digestOf(const std::optional<std::string>& disk)
     {
-        return SocketServer::getMD5FromFile(disk ? *disk : std::string());
+        return disk ? DigestCache::shared()->digestOf(*disk) : SocketServer::getMD5FromFile(std::string());
     }
 
     // Bytes already on the connection, after a short wait when there are none

@@ -208,11 +208,17 @@ void FolderWalk::walkFolder(const std::string& path, DirSyncInfo record, bool is
         info.readonly = !entry.writable;
         info.hash = std::string();
         Pending item{{}, std::move(info), {}};
-        if (m_pool)
-            item.digest = m_pool->submit(
-                [cache = m_cache, path = item.file->fullName, state = entry.state] {
-                    return cache->digestOf(path, state);
-                });
+        if (m_pool) {
+            // An unchanged file is answered here at once; only files to be
+            // read go to the pool.
+            if (auto known = m_cache->lookup(entry.state))
+                item.file->hash = std::move(*known);
+            else
+                item.digest = m_pool->submit(
+                    [cache = m_cache, path = item.file->fullName, state = entry.state] {
+                        return cache->digestOf(path, state);
+                    });
+        }
         add(std::move(item));
     }
 

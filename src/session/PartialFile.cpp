@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -89,11 +90,67 @@ void PartialFile::append(const std::uint8_t* data, std::size_t length)
     }
 }
 
+void PartialFile::flushInBackground()
+{
+    std::lock_guard guard(m_syncMutex);
+    throwSyncError();
+    if (!m_syncer.joinable())
+        m_syncer = std::thread([this] { syncLoop(); });
+    m_syncWanted = true;
+    m_syncWake.notify_one();
+}
+
 void PartialFile::flush()
 {
+    {
+        std::unique_lock guard(m_syncMutex);
+        m_syncIdle.wait(guard, [&] { return !m_syncWanted && !m_syncing; });
+        throwSyncError();
+    }
     if (::fsync(m_fd) != 0)
         failWith(errno, "Failed to flush " + m_path);
     m_unflushed = false;
+}
+
+// Each pass puts everything written until then on disk, so while the disk
+// is slower than the connection one pass covers several chunks.
+void PartialFile::syncLoop()
+{
+    std::unique_lock guard(m_syncMutex);
+    for (;;) {
+        m_syncWake.wait(guard, [&] { return m_syncStop || m_syncWanted; });
+        if (m_syncStop)
+            return;
+        m_syncWanted = false;
+        m_syncing = true;
+        guard.unlock();
+        int result = ::fdatasync(m_fd);
+        int error = errno;
+        guard.lock();
+        m_syncing = false;
+        if (result != 0 && m_syncError == 0)
+            m_syncError = error;
+        m_syncIdle.notify_all();
+    }
+}
+
+// Called under m_syncMutex.
+void PartialFile::throwSyncError()
+{
+    if (m_syncError != 0)
+        failWith(std::exchange(m_syncError, 0), "Failed to flush " + m_path);
+}
+
+void PartialFile::stopSyncing()
+{
+    if (!m_syncer.joinable())
+        return;
+    {
+        std::lock_guard guard(m_syncMutex);
+        m_syncStop = true;
+    }
+    m_syncWake.notify_one();
+    m_syncer.join();
 }
 
 void PartialFile::setModified(std::int64_t seconds)
@@ -132,6 +189,7 @@ bool PartialFile::moveIntoPlace(const std::string& destination, std::int64_t sec
 
 void PartialFile::close()
 {
+    stopSyncing();
     if (m_fd < 0)
         return;
     if (m_unflushed)

@@ -2,8 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 // The file an upload is received into, "<destination>.zandrel". It outlives a
 // cut connection on purpose: the next upload of the same path resumes from
@@ -35,7 +38,12 @@ public:
     const std::string& path() const { return m_path; }
     // Appends all `length` bytes; throws std::system_error on a write error.
     void append(const std::uint8_t* data, std::size_t length);
-    // fsync; throws std::system_error when the disk refuses.
+    // Starts putting what was appended so far on disk on a helper thread and
+    // returns at once, so the next bytes are received meanwhile. A failure
+    // of that sync is thrown by the next call to this or to flush().
+    void flushInBackground();
+    // Everything appended is on disk when this returns (fsync, after the
+    // helper's sync); throws std::system_error when the disk refuses.
     void flush();
     // Sets the modification time; failures are ignored, as they always were.
     void setModified(std::int64_t seconds);
@@ -51,7 +59,22 @@ public:
 private:
     PartialFile(std::string path, int fd);
 
+    void syncLoop();
+    void stopSyncing();
+    void throwSyncError();
+
     std::string m_path;
     int m_fd = -1;
     bool m_unflushed = false;
+
+    // The helper that syncs while the session receives; its flags are
+    // guarded by m_syncMutex.
+    std::thread m_syncer;
+    std::mutex m_syncMutex;
+    std::condition_variable m_syncWake;
+    std::condition_variable m_syncIdle;
+    bool m_syncWanted = false;
+    bool m_syncing = false;
+    bool m_syncStop = false;
+    int m_syncError = 0;
 };

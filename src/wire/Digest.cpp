@@ -89,6 +89,21 @@ std::string md5OfFile(const std::string& path)
     return finishHex(ctx.get());
 }
 
+Md5::Md5() : m_ctx(newMd5().release(), &EVP_MD_CTX_free) {}
+
+void Md5::update(const void* data, std::size_t length)
+{
+    EVP_DigestUpdate(m_ctx.get(), data, length);
+}
+
+std::string Md5::hex() const
+{
+    // Finishing ends a context, so a copy is finished.
+    Ctx copy(EVP_MD_CTX_new());
+    EVP_MD_CTX_copy_ex(copy.get(), m_ctx.get());
+    return finishHex(copy.get());
+}
+
 std::string md5OfString(std::string_view text)
 {
     auto hex = md5Hex(text.data(), text.size());

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
+
+struct evp_md_ctx_st;
 
 // MD5 digests as text. The case differs on purpose and is part of the
 // protocol: file digests are lower case, string digests upper case.
@@ -14,5 +18,18 @@ std::string md5OfFile(const std::string& path);
 std::string md5OfString(std::string_view text);
 // 32 lower-case hex digits of a byte range.
 std::string md5Hex(const void* data, std::size_t length);
+
+// A file digest built up piece by piece, as the file is written, so that it
+// need not be read back.
+class Md5 {
+public:
+    Md5();
+    void update(const void* data, std::size_t length);
+    // 32 lower-case hex digits of everything given so far.
+    std::string hex() const;
+
+private:
+    std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st*)> m_ctx;
+};
 
 } // namespace Digest

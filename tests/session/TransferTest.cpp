@@ -298,6 +298,24 @@ TEST_F(TransferTest, UploadResumesFromThePartialFile)
     EXPECT_TRUE(server.log().contains(fmt::format("Saved: {}.", path.string())));
 }
 
+// Several chunks, synced while the next ones arrive and digested as they are
+// written: the count and digest answered are those of the stored file.
+TEST_F(TransferTest, UploadOfManyChunksFromTheStartAnswersTheStoredFilesDigest)
+{
+    const auto contents = pattern(1300000, 9);
+    const auto path = at("big/clip.m4v");
+    auto client = server.connect();
+    client->sendCommand(kUpload, uploadFields(true, 1, {{path, 1300000, 1400000000}}));
+    EXPECT_EQ(readOffsets(*client), std::vector<std::int64_t>{0});
+    for (std::size_t at = 0; at < contents.size(); at += 100000)
+        client->sendRaw(bytesOf(contents.substr(at, 100000)));
+    EXPECT_EQ(client->readLong(), 1300000);
+    EXPECT_EQ(client->readString(), md5(contents));
+    expectSessionAlive(*client);
+    EXPECT_TRUE(sameBytes(readFile(path), contents));
+    EXPECT_EQ(mtimeOf(path), 1400000000);
+}
+
 TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
 {
     const auto tooLong = at("a/long.bin"), full = at("a/full.bin"), empty = at("a/empty.bin");
