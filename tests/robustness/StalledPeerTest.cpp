@@ -5,6 +5,10 @@
 #include <string>
 #include <thread>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
@@ -19,16 +23,16 @@ using namespace SessionTest;
 
 namespace {
 
-// Phones that stop sending half-way: one inside a request header, one
-// inside an upload's data (holding the upload lock), one whose upload waits
-// for that lock.
+// Phones that stall: one inside a request header, one inside an upload's
+// data (holding the upload lock), one whose upload waits for that lock, and
+// one that stops reading a download.
 class StalledPeers : public ::testing::Test {
 protected:
     void SetUp() override
     {
         m_folder = server.home().path() / "music";
         std::filesystem::create_directories(m_folder);
-        m_song = server.home().write("music/song.mp3", std::string(1500000, 's')).string();
+        m_song = server.home().write("music/song.mp3", std::string(4000000, 's')).string();
 
         silent = server.connect();
         silent->sendRaw(Bytes{Command::FoldersInFolder, 40, 0, 0});
@@ -37,6 +41,15 @@ protected:
         ASSERT_TRUE(waitForPartial("held.bin.zandrel", 1000));
         waiter = startUpload("waits.bin");
         waiter->sendRaw(Bytes(1000, 'w'));
+        unread = std::make_unique<SyncClient>();
+        int small = 4096;
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        unread->adopt(fd);
+        sockaddr_in address{AF_INET, htons(server.port()), {htonl(INADDR_LOOPBACK)}, {}};
+        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        unread->setPasswordHash(server.hash());
+        unread->sendCommand(Command::DownloadFiles, join({number(1), text(m_song), number(0), flag(false)}));
     }
 
     std::unique_ptr<SyncClient> startUpload(const std::string& name)
@@ -64,7 +77,7 @@ protected:
     LoopbackServer server;
     std::filesystem::path m_folder;
     std::string m_song;
-    std::unique_ptr<SyncClient> silent, holder, waiter;
+    std::unique_ptr<SyncClient> silent, holder, waiter, unread;
 };
 
 } // namespace
@@ -82,7 +95,7 @@ TEST_F(StalledPeers, NeverHoldUpAnotherPhonesBrowseOrDownload)
     phone.downloadFiles({{m_song, 0}}, true,
         {nullptr, [&](std::size_t, const std::uint8_t*, std::size_t n) { bytes += n; },
             [&](std::size_t, const std::string& d) { digest = d; }});
-    EXPECT_EQ(bytes, 1500000u);
+    EXPECT_EQ(bytes, 4000000u);
     EXPECT_EQ(digest, Digest::md5OfFile(m_song));
     // The stalled phones were there all along.
     EXPECT_FALSE(silent->waitForClose(0ms));
@@ -115,8 +128,8 @@ TEST_F(StalledPeers, StopEndsThemAndLeavesTheUploadLockFree)
 TEST_F(StalledPeers, AnUploadToldToEndWhileWaitingForTheLockEndsWithoutIt)
 {
     auto sessions = server.app().listener()->connections();
-    ASSERT_EQ(sessions.size(), 3u);
-    sessions.back()->shutdown();
+    ASSERT_EQ(sessions.size(), 4u);
+    sessions[2]->shutdown();
     // Only the waiting upload can have ended.
     EXPECT_TRUE(server.log().waitFor("Connection closed."));
     EXPECT_FALSE(std::filesystem::exists(m_folder / "waits.bin.zandrel"));
