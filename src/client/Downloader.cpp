@@ -17,7 +17,8 @@ struct Downloader::Job {
     RemoteFile info;
     bool needed = false;      // to be fetched
     bool probe = false;       // same size here: the server's digest decides
-    bool finished = false;    // nothing more to do this run
+    bool finished = false;
+    bool reported = false;    // nothing more to do this run
     bool restarted = false;   // already fetched once more from the first byte
     std::int64_t have = 0;    // bytes in the partial file
     LocalFile file;
@@ -43,8 +44,10 @@ std::string Downloader::partialPath(const std::string& local)
     return local + kPartialSuffix;
 }
 
-std::vector<Downloader::Outcome> Downloader::fetch(const std::vector<Item>& items, TransferProgress* progress)
+std::vector<Downloader::Outcome> Downloader::fetch(
+    const std::vector<Item>& items, TransferProgress* progress, const std::function<void(const Outcome&)>& settled)
 {
+    m_settled = settled;
     std::vector<Job> jobs(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         jobs[i].outcome.remote = items[i].remote;
@@ -58,8 +61,10 @@ std::vector<Downloader::Outcome> Downloader::fetch(const std::vector<Item>& item
     decide(jobs);
     probe(jobs);
     planResume(jobs);
+    reportSettled(jobs);
     if (!m_options.dryRun)
         transfer(jobs, progress);
+    reportSettled(jobs);
     std::vector<Outcome> outcomes;
     for (auto& job : jobs)
         outcomes.push_back(std::move(job.outcome));
@@ -192,7 +197,7 @@ void Downloader::planResume(std::vector<Job>& jobs)
 void Downloader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
 {
     Reconnect reconnect(m_connect, m_options.retries, progress);
-    for (;;) {
+    for (;; reportSettled(jobs)) {
         std::vector<std::size_t> which;
         for (std::size_t i = 0; i < jobs.size(); ++i)
             if (jobs[i].needed && !jobs[i].finished)
@@ -298,6 +303,7 @@ void Downloader::runOnce(std::vector<Job>& jobs, const std::vector<std::size_t>&
             progress->finish();
         m_current = nullptr;
         complete(job, digest);
+        settle(job);
     };
     m_client.downloadFiles(items, m_options.verify, handler);
 }
@@ -330,4 +336,18 @@ void Downloader::complete(Job& job, const std::string& digest)
     LocalFile::setModified(job.outcome.local, job.info.modified);
     job.outcome.result = Result::Fetched;
     job.finished = true;
+}
+
+void Downloader::settle(Job& job)
+{
+    if (m_settled && job.finished && !job.reported) {
+        job.reported = true;
+        m_settled(job.outcome);
+    }
+}
+
+void Downloader::reportSettled(std::vector<Job>& jobs)
+{
+    for (auto& job : jobs)
+        settle(job);
 }

@@ -55,7 +55,10 @@ public:
     // one); without it a lost connection fails what is left.
     Downloader(ProtocolClient& client, Options options, std::function<void()> connect = {});
 
-    std::vector<Outcome> fetch(const std::vector<Item>& items, TransferProgress* progress = nullptr);
+    // Each file's outcome also goes to `settled` (when given) as soon as it
+    // is known, identical files first.
+    std::vector<Outcome> fetch(const std::vector<Item>& items, TransferProgress* progress = nullptr,
+        const std::function<void(const Outcome&)>& settled = {});
 
     // Where the bytes of `local` wait until the copy is complete.
     static std::string partialPath(const std::string& local);
@@ -75,7 +78,12 @@ private:
     // After the server ended the session over one command's failure.
     void recover();
 
+    // Hands a finished file not yet reported (or every one) to m_settled.
+    void settle(Job& job);
+    void reportSettled(std::vector<Job>& jobs);
+
     ProtocolClient& m_client;
+    std::function<void(const Outcome&)> m_settled;
     Options m_options;
     std::function<void()> m_connect;
     std::int64_t m_moved = 0;

@@ -133,7 +133,7 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
         std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.local < b.local; });
 
         Downloader downloader(client, downloaderOptions(options), [&] { open(client, target); });
-        for (const auto& o : downloader.fetch(items, console.progress)) {
+        downloader.fetch(items, console.progress, [&](const Downloader::Outcome& o) {
             switch (o.result) {
             case Downloader::Result::Fetched:
             case Downloader::Result::WouldFetch: {
@@ -154,7 +154,7 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
                 ++tally.failed;
                 break;
             }
-        }
+        });
         say(console, tally.line("got", "would get", options.dryRun));
         return tally.failed > 0 ? int(Failed) : int(Ok);
     });
@@ -229,7 +229,7 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
         }
 
         Uploader uploader(client, uploaderOptions(options), [&] { open(client, target); });
-        for (const auto& o : uploader.send(items, console.progress)) {
+        uploader.send(items, console.progress, [&](const Uploader::Outcome& o) {
             switch (o.result) {
             case Uploader::Result::Sent:
             case Uploader::Result::WouldSend: {
@@ -250,7 +250,7 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
                 ++tally.failed;
                 break;
             }
-        }
+        });
         say(console, tally.line("sent", "would send", options.dryRun));
         return tally.failed > 0 ? int(Failed) : int(Ok);
     });

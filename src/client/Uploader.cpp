@@ -18,6 +18,7 @@ struct Uploader::Job {
     std::string digest;       // of the local file, once needed
     bool needed = false;
     bool finished = false;
+    bool reported = false;
     bool restarted = false;
     bool offsetsKnown = false;
 
@@ -50,8 +51,10 @@ std::string Uploader::digestOf(Job& job)
     return job.digest;
 }
 
-std::vector<Uploader::Outcome> Uploader::send(const std::vector<Item>& items, TransferProgress* progress)
+std::vector<Uploader::Outcome> Uploader::send(
+    const std::vector<Item>& items, TransferProgress* progress, const std::function<void(const Outcome&)>& settled)
 {
+    m_settled = settled;
     std::vector<Job> jobs(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         Job& job = jobs[i];
@@ -66,8 +69,10 @@ std::vector<Uploader::Outcome> Uploader::send(const std::vector<Item>& items, Tr
     }
     describe(jobs);
     decide(jobs);
+    reportSettled(jobs);
     if (!m_options.dryRun)
         transfer(jobs, progress);
+    reportSettled(jobs);
     std::vector<Outcome> outcomes;
     for (auto& job : jobs)
         outcomes.push_back(std::move(job.outcome));
@@ -145,7 +150,7 @@ void Uploader::decide(std::vector<Job>& jobs)
 void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
 {
     Reconnect reconnect(m_connect, m_options.retries, progress);
-    for (;;) {
+    for (;; reportSettled(jobs)) {
         std::vector<Job*> which;
         for (auto& job : jobs)
             if (job.needed && !job.finished)
@@ -161,8 +166,12 @@ void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
             continue;
         } catch (const ServerError& e) {
             lost = e.what();
-            if (m_current && !e.isConnectionFailure()) {
-                m_current->fail(e.what());
+            if (!e.isConnectionFailure()) {
+                // Refused before any file was under way: it is the
+                // command the server refuses, for all of them.
+                for (Job* job : which)
+                    if (!job->finished && (!m_current || job == m_current))
+                        job->fail(e.what());
                 settled = true;
             }
         } catch (const LocalFileError& e) {
@@ -311,6 +320,21 @@ void Uploader::runOnce(std::vector<Job*>& which, TransferProgress* progress)
         job.outcome.verified = m_options.verify;
         job.outcome.result = Result::Sent;
         job.finished = true;
+        settle(job);
     };
     m_client.uploadFiles(items, m_options.verify, handler);
+}
+
+void Uploader::settle(Job& job)
+{
+    if (m_settled && job.finished && !job.reported) {
+        job.reported = true;
+        m_settled(job.outcome);
+    }
+}
+
+void Uploader::reportSettled(std::vector<Job>& jobs)
+{
+    for (auto& job : jobs)
+        settle(job);
 }

@@ -50,7 +50,10 @@ public:
 
     Uploader(ProtocolClient& client, Options options, std::function<void()> connect = {});
 
-    std::vector<Outcome> send(const std::vector<Item>& items, TransferProgress* progress = nullptr);
+    // Each file's outcome also goes to `settled` (when given) as soon as it
+    // is known, identical files first.
+    std::vector<Outcome> send(const std::vector<Item>& items, TransferProgress* progress = nullptr,
+        const std::function<void(const Outcome&)>& settled = {});
 
     // `folder` + "/" + `name`, without doubling a trailing slash.
     static std::string remotePath(const std::string& folder, const std::string& name);
@@ -64,7 +67,12 @@ private:
     void settleFromServer(std::vector<Job*>& which);
     std::string digestOf(Job& job);
 
+    // Hands a finished file not yet reported (or every one) to m_settled.
+    void settle(Job& job);
+    void reportSettled(std::vector<Job>& jobs);
+
     ProtocolClient& m_client;
+    std::function<void(const Outcome&)> m_settled;
     Options m_options;
     std::function<void()> m_connect;
     std::int64_t m_moved = 0;

@@ -78,17 +78,17 @@ void addSubcommands(CLI::App& app, Arguments& a)
     tree->add_flag("--sort", a.tree.sorted, "Sort by name in each folder (the server's order otherwise)");
     tree->add_flag("--paths", a.tree.paths, "One full path per line instead of the indented tree");
     tree->add_flag("--json", a.tree.json, "Print one JSON object: every folder and file with its full path");
-    auto* get = app.add_subcommand("get",
-        "Download files (or trees, with -r) into a local folder. Each file arrives in NAME.zandrel-part and "
-        "replaces NAME only when complete and matching the server's digest; an interrupted get resumes from "
-        "that file, and a lost connection is resumed by itself. Identical files are left alone");
+    auto* get = app.add_subcommand("get", "Download files, or whole folders with -r");
+    get->footer("Each file arrives in NAME.zandrel-part next to NAME and replaces it only when complete and "
+                "matching the server's MD5 digest. An interrupted get resumes from that file; a connection the "
+                "server ends is resumed by itself. Files identical on both sides are left alone.");
     get->add_option("remote", a.paths, "Remote files, or folders with -r")->required();
     get->add_option("--to", a.folder, "Local folder (default: the current one)");
     addTransferOptions(get, a, "Copy whole folders, each into a folder of its name");
-    auto* put = app.add_subcommand("put",
-        "Upload files (or trees, with -r) into a remote folder. Identical files are left alone, the server "
-        "resumes interrupted uploads, a lost connection is resumed by itself, and every stored file is checked "
-        "against the local digest");
+    auto* put = app.add_subcommand("put", "Upload files, or whole folders with -r");
+    put->footer("The server resumes an interrupted upload from what it already holds; a connection the server "
+                "ends is resumed by itself. Every stored file is checked against the local MD5 digest. Files "
+                "identical on both sides are left alone.");
     put->add_option("local", a.paths, "Local files, or folders with -r")->required()->check(CLI::ExistingPath);
     put->add_option("--to", a.folder, "Remote folder")->required();
     addTransferOptions(put, a, "Copy whole folders, each into a remote folder of its name");
@@ -149,7 +149,10 @@ int run(CLI::App& app, Arguments& a)
 int main(int argc, char** argv)
 {
     CLI::App app{"zandrel: browse, fetch and send files on a ZandrelSync server"};
-    app.footer("Exit status: 0 done, 1 failed, 2 bad arguments, 3 server unreachable, 4 password refused.");
+    app.footer("get and put never leave a partial or unverified copy in place of a file, resume interrupted "
+               "transfers, reconnect when the server ends a session, and leave files identical on both sides "
+               "alone (--dry-run shows what would move).\n\n"
+               "Exit status: 0 done, 1 failed, 2 bad arguments, 3 server unreachable, 4 password refused.");
     app.require_subcommand(1);
     app.fallthrough();
     Arguments arguments;
