@@ -229,8 +229,6 @@ void Downloader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
         } catch (const ClientError& e) {
             lost = e.what();
         }
-        if (progress)
-            progress->finish();
         for (auto& job : jobs)
             job.file.close();
         bool left = false;
@@ -240,6 +238,8 @@ void Downloader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
             return;
         if (reconnect.again(m_moved > movedBefore || settled))
             continue;
+        if (progress)
+            progress->finish();
         for (auto i : which)
             if (!jobs[i].finished)
                 jobs[i].fail(fmt::format("connection lost ({}); gave up after {} attempts to reconnect; run the "

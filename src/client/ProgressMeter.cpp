@@ -65,8 +65,10 @@ std::string ProgressMeter::line(const std::string& name, std::int64_t done, std:
 
 void ProgressMeter::start(const std::string& name, std::int64_t done, std::int64_t total)
 {
+    // The same file again after a reconnection keeps its note ("resumed").
+    if (name != m_name)
+        m_note.clear();
     m_name = name;
-    m_note.clear();
     m_done = m_startDone = done;
     m_total = total;
     m_started = m_lastDraw = m_lastMove = std::chrono::steady_clock::now();
@@ -97,6 +99,7 @@ void ProgressMeter::finish()
     clear();
     m_active = false;
     m_note.clear();
+    m_name.clear();
 }
 
 void ProgressMeter::clear()

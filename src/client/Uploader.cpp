@@ -188,8 +188,6 @@ void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
         } catch (const ClientError& e) {
             lost = e.what();
         }
-        if (progress)
-            progress->finish();
         bool left = false;
         for (Job* job : which)
             left = left || !job->finished;
@@ -199,6 +197,8 @@ void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
             settleFromServer(which);
             continue;
         }
+        if (progress)
+            progress->finish();
         for (Job* job : which)
             if (!job->finished)
                 job->fail(fmt::format("connection lost ({}); gave up after {} attempts to reconnect; run the "

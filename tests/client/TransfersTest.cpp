@@ -32,6 +32,7 @@ public:
     {
         starts.push_back(name + " " + std::to_string(done) + "/" + std::to_string(total));
         last = done;
+        active = true;
     }
     // Sleeps `delay` for every 16 KiB moved.
     void update(std::int64_t done) override
@@ -39,12 +40,14 @@ public:
         std::this_thread::sleep_for(delay * ((done - last) / 16384));
         last = done;
     }
-    void finish() override {}
-    void note(const std::string& text) override { notes.push_back(text); }
+    void finish() override { active = false; }
+    // A note given with no file on the line is never seen.
+    void note(const std::string& text) override { notes.push_back(active ? text : "(unseen) " + text); }
 
     std::vector<std::string> starts;
     std::vector<std::string> notes;
     std::int64_t last = 0;
+    bool active = false;
     std::chrono::milliseconds delay{0};
 };
 
