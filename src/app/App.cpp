@@ -56,6 +56,7 @@ void App::serverThread()
     auto port = m_settings->getPort();
     bool inRange = static_cast<std::uint32_t>(port - 1024) < 64512u;
     listener->setPort(inRange ? static_cast<std::uint16_t>(port) : 0);
+    listener->setAddress(m_settings->getListenAddress());
 
     std::optional<TCPServerError> error;
     bool listening = listener->start(&error, loop);

@@ -43,7 +43,11 @@ bool TCPServer::start(std::optional<TCPServerError>* error, std::shared_ptr<asio
         m_socket = std::move(socket);
         return false;
     }
-    socket->bind(asio::ip::tcp::endpoint(asio::ip::address_v4::any(), m_port), ec);
+    asio::ip::address_v4 address = asio::ip::address_v4::any();
+    if (!m_address.empty())
+        address = asio::ip::make_address_v4(m_address, ec);
+    if (!ec)
+        socket->bind(asio::ip::tcp::endpoint(address, m_port), ec);
     if (!ec)
         socket->listen(asio::socket_base::max_listen_connections, ec);
     if (ec) {

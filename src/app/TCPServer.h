@@ -42,6 +42,9 @@ public:
 
     std::uint16_t port() const { return m_port; }
     void setPort(std::uint16_t port) { m_port = port; }
+    // One IPv4 address to bind instead of all; set before start. Text that
+    // is no such address fails start as an address that cannot be bound.
+    void setAddress(std::string address) { m_address = std::move(address); }
     int nativeSocket() const { return m_nativeSocket; }
     // Accepts that failed since start (out of descriptors, ...).
     std::uint64_t acceptFailures() const { return m_acceptFailures; }
@@ -63,6 +66,7 @@ private:
     void closeSocket();
 
     std::uint16_t m_port = 0;
+    std::string m_address;
     std::shared_ptr<asio::io_context> m_runLoop;
     std::unique_ptr<asio::ip::tcp::acceptor> m_socket;
     // Re-arms accepting after a failure; the pause doubles while it lasts.

@@ -31,6 +31,10 @@ Options:
   --log-stderr     write log lines to standard error instead of the system log
                    (lines appear only when logging is on in the settings)
   --no-discovery   do not announce the server or answer phones looking for it
+  --listen ADDRESS listen on this one IPv4 address only (default: all)
+  --read-only      let phones browse and download, never change a file
+  --strict-identify
+                   identify needs the right password, like every command
   --help           show this help and exit
   --version        show the version and exit
 )";
@@ -93,10 +97,12 @@ void warnIfSettingsUnwritable()
         file.string(), folder.string());
 }
 
-// Where a phone finds this server: every LAN address with the port.
+// Where a phone finds this server: every LAN address with the port, or the
+// one address it listens on.
 std::string servingLine(std::uint16_t port, const Settings& settings)
 {
-    const auto addresses = settings.validIPAddresses();
+    const std::string listen = settings.getListenAddress();
+    const auto addresses = listen.empty() ? settings.validIPAddresses() : std::vector<std::string>{listen};
     std::string where = addresses.empty() ? std::string("no network address yet (only this computer can connect)")
                                           : fmt::format("{}", fmt::join(addresses, ", "));
     return fmt::format("zandrel-syncd serving on port {} at {} (settings: {})", port, where,
@@ -119,7 +125,22 @@ void explainChosenPort(std::uint16_t port, const Settings& settings)
 struct Options {
     bool logStderr = false;
     bool discovery = true;
+    // The hardening switches: each turns on for this run what the settings
+    // file may also turn on; none turns off what the file asks for.
+    bool readOnly = false;
+    bool strictIdentify = false;
+    std::string listenAddress;
 };
+
+void applyHardening(const Options& options, Settings& settings)
+{
+    if (options.readOnly)
+        settings.setReadOnly(true);
+    if (options.strictIdentify)
+        settings.setStrictIdentify(true);
+    if (!options.listenAddress.empty())
+        settings.setListenAddress(options.listenAddress);
+}
 
 // Blocks SIGINT/SIGTERM in every thread started later, so that only
 // sigwait() below receives them.
@@ -141,6 +162,16 @@ int parse(int argc, char** argv, Options& options)
             options.logStderr = true;
         } else if (arg == "--no-discovery") {
             options.discovery = false;
+        } else if (arg == "--read-only") {
+            options.readOnly = true;
+        } else if (arg == "--strict-identify") {
+            options.strictIdentify = true;
+        } else if (arg == "--listen") {
+            if (i + 1 >= argc || !Settings::isListenAddress(argv[i + 1])) {
+                std::cerr << "zandrel-syncd: --listen needs an IPv4 address such as 127.0.0.1\n";
+                return 2;
+            }
+            options.listenAddress = argv[++i];
         } else if (arg == "--help" || arg == "-h") {
             std::cout << kUsage;
             return 0;
@@ -167,15 +198,22 @@ int main(int argc, char** argv)
     sigset_t stopSignals = blockStopSignals();
     auto settings = loadSettings(options.logStderr);
     warnIfSettingsUnwritable();
+    applyHardening(options, *settings);
     App app(settings);
     app.setDiscoveryEnabled(options.discovery);
     app.start();
 
     auto port = app.waitUntilRunning(std::chrono::seconds(30));
     if (!port || *port == 0) {
-        std::cerr << fmt::format("zandrel-syncd: could not listen on port {} (is another server running there?). "
-                                 "Choose another port in {} or stop the other program.\n",
-            settings->getPort(), Settings::preferencesPath());
+        const std::string address = settings->getListenAddress();
+        if (address.empty())
+            std::cerr << fmt::format("zandrel-syncd: could not listen on port {} (is another server running there?). "
+                                     "Choose another port in {} or stop the other program.\n",
+                settings->getPort(), Settings::preferencesPath());
+        else
+            std::cerr << fmt::format("zandrel-syncd: could not listen on {} port {} (is that address this "
+                                     "machine's, and the port free?). Check the listen address and port in {}.\n",
+                address, settings->getPort(), Settings::preferencesPath());
         app.stop();
         return 1;
     }

@@ -9,6 +9,7 @@
 #include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "session/SocketServer.h"
+#include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
 
@@ -28,29 +29,32 @@ std::int32_t batchCount(std::int64_t raw)
 enum class Outcome { Skipped, Done, Failed };
 
 // Errors of the platform's create, remove and move are not looked at: only
-// the existence checks after each one decide.
-Outcome createOne(const OptionalPath& path)
+// the existence checks after each one decide. With `mayChange` off (the
+// read-only switch) the change itself is left out, so an item that would
+// have acted fails its check and is answered as a failed item.
+Outcome createOne(const OptionalPath& path, bool mayChange)
 {
     if (FileSystem::stateOf(path).exists)
         return Outcome::Skipped;
-    if (path) {
+    if (mayChange && path) {
         std::error_code ignored;
         std::filesystem::create_directories(*path, ignored);
     }
     return FileSystem::stateOf(path).exists ? Outcome::Done : Outcome::Failed;
 }
 
-Outcome deleteFileOne(const OptionalPath& path)
+Outcome deleteFileOne(const OptionalPath& path, bool mayChange)
 {
     auto state = FileSystem::stateOf(path);
     if (!state.exists || state.isFolder)
         return Outcome::Skipped;
     std::error_code ignored;
-    std::filesystem::remove(*path, ignored);
+    if (mayChange)
+        std::filesystem::remove(*path, ignored);
     return FileSystem::stateOf(path).exists ? Outcome::Failed : Outcome::Done;
 }
 
-Outcome deleteFolderOne(const OptionalPath& path)
+Outcome deleteFolderOne(const OptionalPath& path, bool mayChange)
 {
     auto state = FileSystem::stateOf(path);
     if (!state.exists || !state.isFolder)
@@ -61,16 +65,17 @@ Outcome deleteFolderOne(const OptionalPath& path)
     while (item.size() > 1 && item.back() == '/')
         item.pop_back();
     std::error_code ignored;
-    std::filesystem::remove_all(item, ignored);
+    if (mayChange)
+        std::filesystem::remove_all(item, ignored);
     return FileSystem::stateOf(path).exists ? Outcome::Failed : Outcome::Done;
 }
 
-Outcome renameOne(const OptionalPath& from, const OptionalPath& to)
+Outcome renameOne(const OptionalPath& from, const OptionalPath& to, bool mayChange)
 {
     auto state = FileSystem::stateOf(from);
     if (!state.exists || state.isFolder)
         return Outcome::Skipped;
-    if (to)
+    if (mayChange && to)
         FileSystem::moveWithoutReplacing(*from, *to);
     bool moved = !FileSystem::stateOf(from).exists && FileSystem::stateOf(to).exists;
     return moved ? Outcome::Done : Outcome::Failed;
@@ -113,7 +118,8 @@ void SocketServer::createDirectories()
     guarded(Command::CreateDirectories, context, [&] {
         runBatch(m_io, *this, Command::CreateDirectories, context, "Creating directories", [&] {
             auto path = m_io.readString(context);
-            return report(createOne(DiskPath::of(path, *m_settings)), *this, fmt::format("Created directory: {}", shown(path)),
+            return report(createOne(DiskPath::of(path, *m_settings), !m_settings->getReadOnly()), *this,
+                fmt::format("Created directory: {}", shown(path)),
                 fmt::format("Could not create directory: {}", shown(path)));
         });
     });
@@ -125,7 +131,8 @@ void SocketServer::deleteFiles()
     guarded(Command::DeleteFiles, context, [&] {
         runBatch(m_io, *this, Command::DeleteFiles, context, "Deleting files", [&] {
             auto path = m_io.readString(context);
-            return report(deleteFileOne(DiskPath::of(path, *m_settings)), *this, fmt::format("Deleted file: {}", shown(path)),
+            return report(deleteFileOne(DiskPath::of(path, *m_settings), !m_settings->getReadOnly()), *this,
+                fmt::format("Deleted file: {}", shown(path)),
                 fmt::format("Could not delete file: {}", shown(path)));
         });
     });
@@ -137,7 +144,8 @@ void SocketServer::deleteFolders()
     guarded(Command::DeleteFolders, context, [&] {
         runBatch(m_io, *this, Command::DeleteFolders, context, "Deleting folders", [&] {
             auto path = m_io.readString(context);
-            return report(deleteFolderOne(DiskPath::of(path, *m_settings)), *this, fmt::format("Deleted directory: {}", shown(path)),
+            return report(deleteFolderOne(DiskPath::of(path, *m_settings), !m_settings->getReadOnly()), *this,
+                fmt::format("Deleted directory: {}", shown(path)),
                 fmt::format("Could not delete directory: {}", shown(path)));
         });
     });
@@ -150,7 +158,9 @@ void SocketServer::renameFiles()
         runBatch(m_io, *this, Command::RenameFiles, context, "Renaming files", [&] {
             auto from = m_io.readString(context);
             auto to = m_io.readString(context);
-            return report(renameOne(DiskPath::of(from, *m_settings), DiskPath::of(to, *m_settings)), *this,
+            return report(renameOne(DiskPath::of(from, *m_settings), DiskPath::of(to, *m_settings),
+                              !m_settings->getReadOnly()),
+                *this,
                 fmt::format("Renamed file '{}' to '{}'", shown(from), shown(to)),
                 fmt::format("Could not rename file '{}' to '{}'", shown(from), shown(to)));
         });

@@ -270,7 +270,9 @@ private:
     {
         Incoming file;
         auto received = m_io.readString(kUploading);
-        file.disk = DiskPath::of(received, m_settings);
+        // Read only: every path names nothing, so the data is dropped and no
+        // partial is looked at (an over-long one would be deleted).
+        file.disk = m_settings.getReadOnly() ? std::nullopt : DiskPath::of(received, m_settings);
         file.path = FileSystem::shown(received);
         file.size = m_io.readLong(kUploading);
         file.modified = m_io.readLong(kUploading);

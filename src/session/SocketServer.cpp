@@ -178,8 +178,10 @@ void SocketServer::verifyPassword(std::uint8_t code)
         std::string text = received.value_or("");
         // Absent (invalid UTF-8) prints as the missing value always has.
         logInfo(fmt::format("Received password: {}", received ? text : std::string("(null)")));
-        if (code == Command::IdentifyHost) {
-            // Identify authenticates whatever password it carries.
+        if (code == Command::IdentifyHost && !m_settings->getStrictIdentify()) {
+            // Identify authenticates whatever password it carries, unless
+            // the user asked for strict identify: it then passes the same
+            // rule as every other command (and is still answered).
             m_authenticated = true;
             return;
         }

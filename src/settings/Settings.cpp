@@ -4,6 +4,8 @@
 #include <optional>
 #include <system_error>
 
+#include <arpa/inet.h>
+
 #include <fmt/format.h>
 #include <plist/plist.h>
 
@@ -67,6 +69,9 @@ void Settings::setDefaults()
     m_startOnLogin = true;
     m_trace = false;
     m_verbose = false;
+    m_strictIdentify = false;
+    m_readOnly = false;
+    m_listenAddress.clear();
 }
 
 void Settings::readPreferences()
@@ -119,6 +124,9 @@ void Settings::applyFileKeys(void* root)
     applyKey(dict, "startOnLogin", m_startOnLogin, PlistFile::boolValue);
     applyKey(dict, "trace", m_trace, PlistFile::boolValue);
     applyKey(dict, "verbose", m_verbose, PlistFile::boolValue);
+    applyKey(dict, "strictIdentify", m_strictIdentify, PlistFile::boolValue);
+    applyKey(dict, "readOnly", m_readOnly, PlistFile::boolValue);
+    applyKey(dict, "listenAddress", m_listenAddress, PlistFile::stringValue);
 }
 
 void Settings::writePreferences()
@@ -138,6 +146,14 @@ void Settings::writePreferences()
         plist_dict_set_item(dict, "toast", plist_new_bool(m_toast));
         plist_dict_set_item(dict, "trace", plist_new_bool(m_trace));
         plist_dict_set_item(dict, "verbose", plist_new_bool(m_verbose));
+        // The hardening keys only when set: a file that never had them is
+        // written exactly as before.
+        if (m_strictIdentify)
+            plist_dict_set_item(dict, "strictIdentify", plist_new_bool(true));
+        if (m_readOnly)
+            plist_dict_set_item(dict, "readOnly", plist_new_bool(true));
+        if (!m_listenAddress.empty())
+            plist_dict_set_item(dict, "listenAddress", plist_new_string(m_listenAddress.c_str()));
     }
     // A failed save is not reported; the old file, if any, stays whole.
     PlistFile::writeXml(preferencesPath(), dict);
@@ -166,17 +182,22 @@ std::string Settings::getIdentifier() const
 {
     std::string version;
     std::string hash;
+    std::string listenAddress;
     std::int32_t port = 0;
     {
         std::lock_guard lock(m_mutex);
         version = m_version;
         hash = m_password;
         port = m_port;
+        listenAddress = m_listenAddress;
     }
+    // A server bound to one address names only that one: phones try the
+    // addresses in order, and the others would refuse them.
+    const std::string addresses = listenAddress.empty() ? addressesToString(validIPAddresses()) : listenAddress;
     // The last field digests the stored hash so the hash itself is never
     // announced on the network.
-    return fmt::format("{}:{}:{}:{}:{}:{}", version, computerName(), userName(),
-                       addressesToString(validIPAddresses()), port, Digest::md5OfString(hash));
+    return fmt::format("{}:{}:{}:{}:{}:{}", version, computerName(), userName(), addresses, port,
+                       Digest::md5OfString(hash));
 }
 
 std::string Settings::hashPasswordWithSalt(const std::string& plain)
@@ -291,6 +312,48 @@ void Settings::setVersion(const std::string& version)
 {
     std::lock_guard lock(m_mutex);
     m_version = version;
+}
+
+bool Settings::getStrictIdentify() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_strictIdentify;
+}
+
+void Settings::setStrictIdentify(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_strictIdentify = on;
+}
+
+bool Settings::getReadOnly() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_readOnly;
+}
+
+void Settings::setReadOnly(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_readOnly = on;
+}
+
+std::string Settings::getListenAddress() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_listenAddress;
+}
+
+void Settings::setListenAddress(const std::string& address)
+{
+    std::lock_guard lock(m_mutex);
+    m_listenAddress = address;
+}
+
+bool Settings::isListenAddress(const std::string& text)
+{
+    in_addr address{};
+    return text.find('\0') == std::string::npos && ::inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
 std::string Settings::preferencesPath()

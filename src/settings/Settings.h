@@ -50,6 +50,20 @@ public:
     std::string getVersion() const;
     void setVersion(const std::string& version);
 
+    // Opt-in narrowing of what phones may do, all off by default. Each is
+    // written to the file only when set, so a default file stays as it was.
+    // Strict identify: identify authenticates only with the right hash.
+    bool getStrictIdentify() const;
+    void setStrictIdentify(bool on);
+    // Read only: upload, create, delete and rename change nothing.
+    bool getReadOnly() const;
+    void setReadOnly(bool on);
+    // One IPv4 address to listen on; empty means every address.
+    std::string getListenAddress() const;
+    void setListenAddress(const std::string& address);
+    // Dotted-quad IPv4 text, the only form the listen address takes.
+    static bool isListenAddress(const std::string& text);
+
     // The settings file, "~" expanded.
     static std::string preferencesPath();
     // "~/Documents", unexpanded.
@@ -80,4 +94,7 @@ private:
     bool m_startOnLogin = true;
     bool m_trace = false;
     bool m_verbose = false;
+    bool m_strictIdentify = false;
+    bool m_readOnly = false;
+    std::string m_listenAddress;
 };

@@ -58,6 +58,10 @@ SettingsDialog::SettingsDialog(QWidget* parent)
     m_ui->setupUi(this);
     setWindowIcon(TrayIcon::icon());
     m_ui->logView->clear();
+    // Below everything the form already has, just above the buttons.
+    m_advanced = new AdvancedSettings(this);
+    m_ui->mainLayout->insertWidget(m_ui->mainLayout->count() - 1, m_advanced);
+    connect(m_advanced, &AdvancedSettings::textEdited, this, [this] { controlTextDidChange(nullptr); });
     connect(m_ui->portField, &QLineEdit::textEdited, this, [this] { controlTextDidChange(m_ui->portField); });
     connect(m_ui->passwordField, &QLineEdit::textEdited, this,
             [this] { controlTextDidChange(m_ui->passwordField); });
@@ -117,6 +121,7 @@ void SettingsDialog::_updateForm()
     m_ui->notificationsCheckBox->setChecked(m_settings->getToast());
     m_ui->startOnLoginCheckbox->setChecked(m_settings->getStartOnLogin());
     m_ui->enableLoggingCheckbox->setChecked(m_settings->getTrace());
+    m_advanced->load(*m_settings);
     enforceLoginChoice(m_ui->startOnLoginCheckbox->isChecked());
     updateSaveButton();
     updateStatusLine();
@@ -138,7 +143,10 @@ void SettingsDialog::updateStatusLine()
     } else if (*port == 0) {
         status = tr("The server could not listen for phones.");
     } else {
-        const std::vector<std::string> addresses = m_settings->validIPAddresses();
+        // A server bound to one address is reachable there alone.
+        const std::string listen = m_settings->getListenAddress();
+        const std::vector<std::string> addresses =
+            listen.empty() ? m_settings->validIPAddresses() : std::vector<std::string>{listen};
         status = addresses.empty()
             ? tr("Serving on port %1, but this computer has no network address yet.").arg(*port)
             : tr("Serving on port %1 at %2").arg(*port).arg(QString::fromStdString(addresses.front()));
@@ -201,11 +209,14 @@ void SettingsDialog::controlTextDidChange(QLineEdit* field)
     const auto offset = static_cast<std::uint32_t>(intValue(m_ui->portField->text())) - 1024u;
     const bool passwordMissing = m_ui->passwordField->text().isEmpty();
     const bool portOutOfRange = offset >= 64512u;
-    if (passwordMissing || portOutOfRange)
+    const bool addressInvalid = !m_advanced->listenAddressIsValid();
+    if (passwordMissing || portOutOfRange || addressInvalid)
         m_ui->saveButton->setEnabled(false);
     // Saving needs the password typed again after any edit; say so, or the
     // disabled button looks broken.
     showSaveHint(passwordMissing, portOutOfRange);
+    if (addressInvalid && !passwordMissing && !portOutOfRange)
+        m_ui->saveHint->setText(tr("Enter an IPv4 address such as 192.168.1.20 to listen on, or none, to save"));
 }
 
 int SettingsDialog::intValue(const QString& text)
@@ -242,6 +253,7 @@ SettingsDialog::Form SettingsDialog::readForm() const
     form.toast = m_ui->notificationsCheckBox->isChecked();
     form.trace = m_ui->enableLoggingCheckbox->isChecked();
     form.startOnLogin = m_ui->startOnLoginCheckbox->isChecked();
+    form.advanced = m_advanced->values();
     return form;
 }
 
@@ -271,6 +283,7 @@ void SettingsDialog::_updateSettings(Settings& settings, const Form& form)
     settings.setTrace(form.trace);
     settings.setStartOnLogin(form.startOnLogin);
     enforceLoginChoice(form.startOnLogin);
+    AdvancedSettings::apply(settings, form.advanced);
     settings.writePreferences();
 }
 

@@ -6,6 +6,7 @@
 #include <QDialog>
 #include <QString>
 
+#include "shell/AdvancedSettings.h"
 #include "shell/GuiRelay.h"
 
 class App;
@@ -70,6 +71,7 @@ private:
         bool toast = false;
         bool trace = false;
         bool startOnLogin = false;
+        AdvancedSettings::Values advanced;
     };
 
     void controlTextDidChange(QLineEdit* field);
@@ -93,4 +95,5 @@ private:
     std::shared_ptr<Settings> m_settings;
     TrayMenu* trayMenu = nullptr;
     class QTimer* m_statusTimer = nullptr;
+    AdvancedSettings* m_advanced = nullptr;
 };

@@ -18,6 +18,7 @@
 #include "netns/Namespaces.h"
 #include "client/SyncClient.h"
 #include "wire/BitHelper.h"
+#include "wire/StreamIO.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -175,6 +176,28 @@ TEST_F(DaemonTest, BadFlagSaysWhatToDo)
     auto err = d.err("--help", 5s);
     EXPECT_NE(err.find("unknown option '--frobnicate'"), std::string::npos);
     EXPECT_EQ(d.exitCode(), 2);
+}
+
+TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnly)
+{
+    TempHome home;
+    auto file = home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
+        R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+        R"(<key>port</key><integer>0</integer></dict></plist>)");
+    Daemon d({"--no-discovery", "--listen", "127.0.0.2", "--strict-identify", "--read-only"});
+    auto port = portFrom(d.out("\n"));
+    ASSERT_NE(port, 0);
+    SyncClient c;
+    c.connect("127.0.0.2", port);
+    c.sendCommandWithPassword(14, "wrong");
+    EXPECT_EQ(c.readExact(18), StreamIO::dataPacket(16, {}));
+    EXPECT_THROW(SyncClient().connect("127.0.0.1", port, 2s), std::exception);
+    EXPECT_EQ(d.terminate(), 0);
+    EXPECT_EQ(readFile(file).find("listenAddress"), std::string::npos);
+
+    Daemon bad({"--listen", "everywhere"});
+    EXPECT_NE(bad.err("127.0.0.1", 5s).find("--listen needs an IPv4 address"), std::string::npos);
+    EXPECT_EQ(bad.exitCode(), 2);
 }
 
 TEST_F(DaemonTest, BrokenSettingsFileIsNamedAndDefaultsServe)

@@ -56,6 +56,30 @@ TEST_F(SessionLoop, IdentifyAuthenticatesWhateverThePassword)
     EXPECT_TRUE(server.log().contains("Not authenticated.  Received 'wrong' != '" + server.hash() + "'."));
 }
 
+TEST_F(SessionLoop, StrictIdentifyLogsInOnlyWithTheRightHashAndAlwaysAnswers)
+{
+    server.settings().setStrictIdentify(true);
+    auto id = server.settings().getIdentifier();
+    const Bytes identified = StreamIO::dataPacket(14, BitHelper::encodeString(id));
+    auto c = server.connect();
+    c->sendCommandWithPassword(14, "");
+    EXPECT_EQ(replyBytes(*c, 18), passwordRequired());
+    EXPECT_EQ(replyBytes(*c, identified.size()), identified);
+    // Still not logged in: a protected command is refused twice.
+    c->sendCommandWithPassword(18, "nope");
+    EXPECT_EQ(replyBytes(*c, 18), passwordRequired());
+    EXPECT_EQ(replyBytes(*c, 18), passwordRequired());
+
+    // The right hash logs in: a later wrong password costs one refusal only.
+    c->sendCommand(14);
+    EXPECT_EQ(replyBytes(*c, identified.size()), identified);
+    c->sendCommandWithPassword(18, "nope");
+    EXPECT_EQ(replyBytes(*c, 18), passwordRequired());
+    auto reply = c->readReply();
+    EXPECT_EQ(reply.code, 18);
+    EXPECT_FALSE(reply.isError());
+}
+
 TEST_F(SessionLoop, StartAndFinishAreAnsweredWithoutLoginProtectedCommandsAreNot)
 {
     auto c = server.connect();

@@ -155,6 +155,26 @@ TEST_F(FileSystemOps, RenameAcrossFileSystemsMovesContentsAndDate)
     fs::remove(target);
 }
 
+TEST_F(FileSystemOps, ReadOnlyChangesNothingAndAnswersAsFailedItems)
+{
+    m_server.settings().setReadOnly(true);
+    write("keep.txt", "x");
+    fs::create_directories(at("folder/inner"));
+    batch(Command::CreateDirectories, {at("new")}, false);
+    batch(Command::DeleteFiles, {at("keep.txt")}, false);
+    batch(Command::DeleteFolders, {at("folder")}, false);
+    client().sendCommand(Command::RenameFiles, join({number(1), text(at("keep.txt")), text(at("moved.txt"))}));
+    expectDataPacket(client(), Command::RenameFiles, flag(false));
+    // What would have been skipped anyway still counts as done.
+    batch(Command::DeleteFiles, {at("missing.txt")}, true);
+
+    EXPECT_FALSE(fs::exists(at("new")));
+    EXPECT_TRUE(fs::exists(at("keep.txt")));
+    EXPECT_TRUE(fs::exists(at("folder/inner")));
+    EXPECT_FALSE(fs::exists(at("moved.txt")));
+    EXPECT_TRUE(log().contains("Could not delete file: " + at("keep.txt")));
+}
+
 TEST_F(FileSystemOps, CountsOfZeroOrBelowReadNothingAndAnswerTrue)
 {
     // 2^32 has low 32 bits 0; only those count.

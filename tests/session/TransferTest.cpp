@@ -535,6 +535,25 @@ TEST_F(TransferTest, UploadWhosePartialIsDeletedMidwayKeepsTheOldFile)
     expectSessionAlive(*client);
 }
 
+TEST_F(TransferTest, ReadOnlyUploadTakesAndDropsTheDataAndStoresNothing)
+{
+    server.settings().setReadOnly(true);
+    writeFile(at("old.txt"), "old");
+    // Longer than announced: a writable server would delete it.
+    writeFile(at("old.txt.zandrel"), pattern(50));
+    auto c = server.connect();
+    c->sendCommand(kUpload, uploadFields(true, 2, {{at("old.txt").string(), 10, 1}, {at("new/b.bin").string(), 700, 1}}));
+    EXPECT_EQ(readOffsets(*c), (std::vector<std::int64_t>{0, 0}));
+    for (std::int64_t size : {10, 700}) {
+        c->sendRaw(bytesOf(pattern(static_cast<std::size_t>(size))));
+        SessionTest::expectNext(*c, SessionTest::join({SessionTest::number(size), SessionTest::text(md5(""))}));
+    }
+    expectSessionAlive(*c);
+    EXPECT_EQ(readFile(at("old.txt")), "old");
+    EXPECT_EQ(readFile(at("old.txt.zandrel")), pattern(50));
+    EXPECT_FALSE(fs::exists(at("new")));
+}
+
 TEST_F(TransferTest, EachFileRaisesANotificationOnlyWhenToastIsOn)
 {
     auto notifier = std::make_shared<RecordingNotifier>();

@@ -236,6 +236,31 @@ TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
     EXPECT_EQ(again.getHashedPassword(), upperMd5(kSalt + "pässword"));
 }
 
+TEST_F(SettingsTest, HardeningKeysAreReadAndWrittenOnlyWhileSet)
+{
+    writePrefs(xmlPlist("<key>strictIdentify</key><true/>\n"
+                        "<key>readOnly</key><true/>\n<key>listenAddress</key><string>127.0.0.2</string>\n"));
+    Settings s{Settings::NoLoginItems{}};
+    EXPECT_TRUE(s.getStrictIdentify());
+    EXPECT_TRUE(s.getReadOnly());
+    EXPECT_EQ(s.getListenAddress(), "127.0.0.2");
+    EXPECT_EQ(split(s.getIdentifier(), ':').at(3), "127.0.0.2") << "the one address phones can reach";
+    s.writePreferences();
+    EXPECT_EQ(WrittenFile(prefsPath()).keys().count("listenAddress"), 1u);
+
+    // Switched off, they leave the file as a default one is.
+    s.setStrictIdentify(false);
+    s.setReadOnly(false);
+    s.setListenAddress("");
+    s.writePreferences();
+    EXPECT_EQ(WrittenFile(prefsPath()).keys(), (std::set<std::string>{"basePath", "hashword", "lastIP", "port",
+                                                    "startOnLogin", "toast", "trace", "verbose"}));
+
+    EXPECT_TRUE(Settings::isListenAddress("10.0.0.7"));
+    for (const std::string& bad : std::vector<std::string>{"", "::1", "10.0.0", "localhost", " 10.0.0.7", std::string("10.0.0.7\0x", 10)})
+        EXPECT_FALSE(Settings::isListenAddress(bad)) << bad;
+}
+
 TEST_F(SettingsTest, UnreadableFileKeepsDefaultsLogsAndIsLeftAlone)
 {
     struct Case {

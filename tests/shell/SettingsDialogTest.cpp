@@ -12,6 +12,7 @@
 #include <QTcpSocket>
 #include <QTest>
 #include <QTextEdit>
+#include <QToolButton>
 #include <gtest/gtest.h>
 
 #include "ShellTestSupport.h"
@@ -159,6 +160,31 @@ TEST_F(SettingsDialogTest, EmptyPasswordKeepsTheHashAndUntickingStartAtLoginRemo
     Settings stored(Settings::NoLoginItems{});
     EXPECT_EQ(stored.getHashedPassword(), before);
     EXPECT_FALSE(stored.getStartOnLogin());
+}
+
+TEST_F(SettingsDialogTest, AdvancedSwitchesAreSavedAndABadListenAddressKeepsSaveDisabled)
+{
+    auto* address = control<QLineEdit>("listenAddressField");
+    EXPECT_FALSE(address->isVisible()) << "collapsed while every switch is off";
+    QTest::mouseClick(control<QToolButton>("advancedToggle"), Qt::LeftButton);
+    EXPECT_TRUE(address->isVisible());
+    type(password(), "secret");
+    type(address, "127.0.0.300");
+    EXPECT_FALSE(saveButton()->isEnabled());
+    type(address, "127.0.0.1");
+    EXPECT_TRUE(saveButton()->isEnabled());
+    control<QCheckBox>("readOnlyCheckBox")->setChecked(true);
+    save();
+
+    ASSERT_TRUE(m_app->waitUntilRunning(std::chrono::seconds(5)).value_or(0) != 0);
+    Settings stored(Settings::NoLoginItems{});
+    EXPECT_TRUE(stored.getReadOnly());
+    EXPECT_FALSE(stored.getStrictIdentify());
+    EXPECT_EQ(stored.getListenAddress(), "127.0.0.1");
+    m_dialog->hide();
+    m_dialog->show();
+    m_dialog->_updateForm();
+    EXPECT_TRUE(address->isVisible()) << "open by itself while a switch is on";
 }
 
 TEST_F(SettingsDialogTest, ProgressArrivesFromAnyThreadAndTheLogViewStaysEmpty)
