@@ -236,6 +236,8 @@ void Downloader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
             left = left || !jobs[i].finished;
         if (!left)
             return;
+        if (m_current && !m_current->finished)
+            ++m_current->outcome.reconnects;
         if (reconnect.again(m_moved > movedBefore || settled))
             continue;
         if (progress)

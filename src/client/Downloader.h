@@ -48,6 +48,7 @@ public:
         std::int64_t resumedFrom = 0; // bytes the partial file already held
         std::int64_t received = 0;    // bytes fetched this time
         bool verified = false;        // digest compared and equal
+        int reconnects = 0;           // connections lost while it moved
         std::string error;            // why it failed
     };
 

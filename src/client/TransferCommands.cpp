@@ -37,11 +37,13 @@ struct Tally {
     }
 };
 
-std::string detail(std::int64_t bytes, std::int64_t resumedFrom, bool verified, bool dryRun)
+std::string detail(std::int64_t bytes, std::int64_t resumedFrom, int reconnects, bool verified, bool dryRun)
 {
     std::string text = fmt::format("{} bytes", bytes);
     if (resumedFrom > 0)
         text += fmt::format(", {} at {}", dryRun ? "resuming" : "resumed", resumedFrom);
+    if (reconnects > 0)
+        text += fmt::format(", {} lost connection{} resumed", reconnects, reconnects == 1 ? "" : "s");
     if (verified)
         text += ", digest verified";
     return text;
@@ -140,7 +142,7 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
                 const bool dry = o.result == Downloader::Result::WouldFetch;
                 auto moved = dry ? o.size - o.resumedFrom : o.received;
                 say(console, fmt::format("{} {}  ({})", dry ? "would get" : "got", o.local,
-                                 detail(moved, o.resumedFrom, o.verified, dry)));
+                                 detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
                 ++tally.files;
                 tally.bytes += moved;
                 break;
@@ -236,7 +238,7 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
                 const bool dry = o.result == Uploader::Result::WouldSend;
                 auto moved = dry ? o.size : o.sent;
                 say(console, fmt::format("{} {}  ({})", dry ? "would send" : "sent", o.remote,
-                                 detail(moved, o.resumedFrom, o.verified, dry)));
+                                 detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
                 ++tally.files;
                 tally.bytes += moved;
                 break;

@@ -193,6 +193,8 @@ void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
             left = left || !job->finished;
         if (!left)
             return;
+        if (m_current && !m_current->finished)
+            ++m_current->outcome.reconnects;
         if (reconnect.again(m_moved > movedBefore || settled)) {
             settleFromServer(which);
             continue;

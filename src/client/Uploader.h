@@ -45,6 +45,7 @@ public:
         std::int64_t resumedFrom = 0; // bytes the server already held
         std::int64_t sent = 0;        // bytes sent this time
         bool verified = false;        // digest compared and equal
+        int reconnects = 0;           // connections lost while it moved
         std::string error;
     };
 

@@ -165,6 +165,7 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
     auto got = downloader().fetch({item("big")}, &progress);
     EXPECT_EQ(got[0].result, Downloader::Result::Fetched) << got[0].error;
     EXPECT_TRUE(got[0].verified);
+    EXPECT_GT(got[0].reconnects, 0);
     EXPECT_EQ(readFile(local("big")), content);
     ASSERT_FALSE(progress.notes.empty());
     EXPECT_EQ(progress.notes.front(), "connection lost, reconnecting (1 of 5)");
@@ -175,6 +176,7 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
     auto sent = uploader.send({{local("up"), remote("up"), std::nullopt, false}}, &progress);
     EXPECT_EQ(sent[0].result, Uploader::Result::Sent) << sent[0].error;
     EXPECT_TRUE(sent[0].verified);
+    EXPECT_GT(sent[0].reconnects, 0);
     EXPECT_EQ(readFile(remote("up")), content);
     EXPECT_FALSE(progress.notes.empty());
     EXPECT_EQ(sent[0].sent, 6'000'000);
