@@ -102,7 +102,12 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
         std::vector<Downloader::Item> items;
         for (const auto& given : remotes) {
             const auto remote = trimmed(given);
-            const fs::path local = into / Paths::lastPathComponent(remote);
+            const auto name = Paths::lastPathComponent(remote);
+            // The copy is named after the remote item: "/" or ".." would name
+            // the local folder's own root or parent.
+            if (name == "/" || name == "." || name == "..")
+                throw UsageError("name a file or folder to fetch, not " + given);
+            const fs::path local = into / name;
             if (!options.recursive || !client.pathExists(remote)) {
                 items.push_back({remote, local.string(), std::nullopt});
                 continue;
@@ -179,9 +184,13 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
         std::vector<Uploader::Item> items;
         std::vector<std::string> newFolders;
         for (const auto& local : locals) {
-            auto name = fs::path(local).lexically_normal().filename().string();
+            // "Photos/", "." and "dir/.." are named as the folder they are.
+            auto whole = fs::absolute(local).lexically_normal();
+            if (!whole.has_filename())
+                whole = whole.parent_path();
+            const auto name = whole.filename().string();
             if (name.empty())
-                name = fs::absolute(local).lexically_normal().parent_path().filename().string();
+                throw UsageError("name a file or folder to send, not " + local);
             const auto remote = Uploader::remotePath(into, name);
             std::error_code ec;
             if (!fs::is_directory(local, ec)) {

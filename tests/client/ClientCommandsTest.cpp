@@ -58,6 +58,10 @@ TEST_F(ClientCommandsTest, FailuresSayWhatToCheck)
 
     clear();
     EXPECT_EQ(makeFolders(m_target, {"relative/path"}, m_console), Usage);
+    TransferOptions recursive;
+    recursive.recursive = true;
+    EXPECT_EQ(get(m_target, {"/"}, at("into"), recursive, m_console), Usage); // never into the root
+    EXPECT_FALSE(fs::exists(at("into")));
     EXPECT_EQ(list(m_target, "~/Music", false, m_console), Usage);
     EXPECT_NE(m_err.str().find("does not expand ~"), std::string::npos) << m_err.str();
     EXPECT_FALSE(fs::exists(at("relative")));
@@ -193,6 +197,14 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
         << m_out.str();
     EXPECT_NE(m_out.str().find("would get 1 file, 1 B; 2 up to date; 0 failed"), std::string::npos) << m_out.str();
     EXPECT_FALSE(fs::exists(at("down/src/sub/new")));
+
+    // "." is the current folder, and is copied under its own name.
+    recursive.dryRun = false;
+    const auto cwd = fs::current_path();
+    fs::current_path(at("src"));
+    EXPECT_EQ(put(m_target, {"."}, at("again"), recursive, m_console), Ok) << m_err.str();
+    fs::current_path(cwd);
+    EXPECT_EQ(readFile(at("again/src/a.txt")), "AAA");
 }
 
 } // namespace
