@@ -47,9 +47,16 @@ double since(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// Every child still running, so that a failed run leaves none behind.
+std::vector<pid_t> g_children;
+
 [[noreturn]] void die(const std::string& why)
 {
     std::fprintf(stderr, "bench_table: %s\n", why.c_str());
+    for (pid_t pid : g_children) {
+        ::kill(pid, SIGTERM);
+        ::waitpid(pid, nullptr, 0);
+    }
     std::exit(1);
 }
 
@@ -80,6 +87,7 @@ struct Child {
             ::_exit(127);
         }
         ::close(out[1]);
+        g_children.push_back(c.pid);
         if (readLine) {
             std::string line;
             char ch;
@@ -103,6 +111,7 @@ struct Child {
         if (pid > 0) {
             ::kill(pid, SIGTERM);
             ::waitpid(pid, nullptr, 0);
+            std::erase(g_children, pid);
             pid = -1;
         }
     }
@@ -115,6 +124,7 @@ double timed(const std::vector<std::string>& argv)
     Child c = Child::start(argv, {}, false);
     int status = 0;
     ::waitpid(c.pid, &status, 0);
+    std::erase(g_children, c.pid);
     double t = since(start);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         die("failed: " + argv[0] + " " + (argv.size() > 1 ? argv[1] : ""));

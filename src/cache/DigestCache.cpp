@@ -171,8 +171,10 @@ void DigestCache::open()
         return;
     m_opened = true;
     std::string error;
-    if (openOnce(error))
+    if (openOnce(error)) {
+        preload();
         return;
+    }
     bool damaged = error.find("not a database") != std::string::npos || error.find("malformed") != std::string::npos;
     if (damaged) {
         std::error_code ignored;
@@ -219,6 +221,25 @@ bool DigestCache::openOnce(std::string& error)
     error = message ? message : sqlite3_errmsg(m_db);
     sqlite3_free(message);
     return false;
+}
+
+// Called under m_mutex. One pass over the table fills the memory map, far
+// cheaper than a query per file for the walk after a restart.
+void DigestCache::preload()
+{
+    Statement scan(m_db, "SELECT device, inode, size, modified, changed, md5 FROM digests");
+    if (!scan)
+        return;
+    while (m_front.size() < kFrontEntries && sqlite3_step(scan.get()) == SQLITE_ROW) {
+        FileState state;
+        state.device = static_cast<std::uint64_t>(sqlite3_column_int64(scan.get(), 0));
+        state.inode = static_cast<std::uint64_t>(sqlite3_column_int64(scan.get(), 1));
+        state.size = sqlite3_column_int64(scan.get(), 2);
+        state.modifiedNs = sqlite3_column_int64(scan.get(), 3);
+        state.changedNs = sqlite3_column_int64(scan.get(), 4);
+        if (const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(scan.get(), 5)))
+            m_front.emplace(Key{state.device, state.inode}, std::pair(state, std::string(text)));
+    }
 }
 
 // Called under m_mutex: the cache goes on in memory only.

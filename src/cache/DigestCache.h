@@ -65,6 +65,7 @@ private:
 
     void open();
     void closeDb();
+    void preload();
     bool openOnce(std::string& error);
     void bypass(const std::string& why);
     void remember(const FileState& state, const std::string& digest);
