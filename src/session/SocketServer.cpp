@@ -22,10 +22,11 @@ int g_live = 0;
 
 void liveAdd(int delta)
 {
-    {
-        std::lock_guard lock(g_liveMutex);
-        g_live += delta;
-    }
+    // Notified under the lock: a waiter that sees the count reach zero may
+    // let the process exit and destroy this condition variable, so the last
+    // session thread must be done with it before the waiter can look.
+    std::lock_guard lock(g_liveMutex);
+    g_live += delta;
     g_liveChanged.notify_all();
 }
 
