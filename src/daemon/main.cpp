@@ -32,6 +32,7 @@ Options:
                    (lines appear only when logging is on in the settings)
   --no-discovery   do not announce the server or answer phones looking for it
   --listen ADDRESS listen on this one IPv4 address only (default: all)
+  --confine        refuse every path outside the base folder
   --read-only      let phones browse and download, never change a file
   --strict-identify
                    identify needs the right password, like every command
@@ -127,6 +128,7 @@ struct Options {
     bool discovery = true;
     // The hardening switches: each turns on for this run what the settings
     // file may also turn on; none turns off what the file asks for.
+    bool confine = false;
     bool readOnly = false;
     bool strictIdentify = false;
     std::string listenAddress;
@@ -134,6 +136,8 @@ struct Options {
 
 void applyHardening(const Options& options, Settings& settings)
 {
+    if (options.confine)
+        settings.setConfineToBasePath(true);
     if (options.readOnly)
         settings.setReadOnly(true);
     if (options.strictIdentify)
@@ -162,6 +166,8 @@ int parse(int argc, char** argv, Options& options)
             options.logStderr = true;
         } else if (arg == "--no-discovery") {
             options.discovery = false;
+        } else if (arg == "--confine") {
+            options.confine = true;
         } else if (arg == "--read-only") {
             options.readOnly = true;
         } else if (arg == "--strict-identify") {

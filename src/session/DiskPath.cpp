@@ -1,12 +1,116 @@
 #include "session/DiskPath.h"
 
+#include <cerrno>
+#include <climits>
+#include <deque>
+#include <filesystem>
+#include <system_error>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "settings/Settings.h"
+#include "wire/Paths.h"
 
 namespace DiskPath {
 
-std::optional<std::string> of(const std::optional<std::string>& received, [[maybe_unused]] const Settings& settings)
+namespace {
+
+namespace fs = std::filesystem;
+
+// As many links as the kernel follows before it gives up (ELOOP).
+constexpr int kMaxLinks = 40;
+
+void pushFront(std::deque<std::string>& pending, const fs::path& path)
+{
+    std::deque<std::string> parts;
+    for (const auto& part : path.relative_path())
+        parts.push_back(part.string());
+    pending.insert(pending.begin(), parts.begin(), parts.end());
+}
+
+// Where the kernel would take a path from this process's working folder:
+// every symbolic link followed, dangling ones too (a file created through a
+// dangling link lands at its target), and ".." taken from the real parent.
+// The part that does not exist yet is kept as written. Nothing when the
+// path cannot be worked out: a link loop, an unreadable link, or ".." below
+// a folder that does not exist (the platform's create-all would make that
+// folder first, wherever it is).
+std::optional<fs::path> resolve(const std::string& text)
+{
+    std::error_code ec;
+    const fs::path absolute = fs::absolute(text, ec);
+    if (ec)
+        return std::nullopt;
+    std::deque<std::string> pending;
+    pushFront(pending, absolute);
+    fs::path result = "/";
+    bool missing = false;
+    int links = 0;
+    while (!pending.empty()) {
+        const std::string part = std::move(pending.front());
+        pending.pop_front();
+        if (part.empty() || part == ".")
+            continue;
+        if (part == "..") {
+            if (missing)
+                return std::nullopt;
+            result = result.parent_path();
+            continue;
+        }
+        fs::path next = result / part;
+        struct stat st {};
+        if (missing || ::lstat(next.c_str(), &st) != 0) {
+            missing = true;
+            result = std::move(next);
+            continue;
+        }
+        if (!S_ISLNK(st.st_mode)) {
+            result = std::move(next);
+            continue;
+        }
+        if (++links > kMaxLinks)
+            return std::nullopt;
+        char target[PATH_MAX];
+        ssize_t length = ::readlink(next.c_str(), target, sizeof target);
+        if (length <= 0 || length == static_cast<ssize_t>(sizeof target))
+            return std::nullopt;
+        const fs::path link(std::string(target, static_cast<std::size_t>(length)));
+        if (link.is_absolute())
+            result = "/";
+        pushFront(pending, link);
+    }
+    return result;
+}
+
+// Component by component, so "/base" does not contain "/base2".
+bool contains(const fs::path& folder, const fs::path& path)
+{
+    auto f = folder.begin();
+    auto p = path.begin();
+    for (; f != folder.end(); ++f, ++p) {
+        if (p == path.end() || *f != *p)
+            return false;
+    }
+    return true;
+}
+
+// Confinement: the path must lead to the base folder (the one the default
+// path command answers) or below it.
+bool insideBaseFolder(const std::string& path, const Settings& settings)
+{
+    const auto base = resolve(Paths::expandTilde(settings.getBasePath()));
+    const auto resolved = resolve(path);
+    return base && resolved && contains(*base, *resolved);
+}
+
+} // namespace
+
+std::optional<std::string> of(const std::optional<std::string>& received, const Settings& settings)
 {
     if (!received || received->find('\0') != std::string::npos)
+        return std::nullopt;
+    if (settings.getConfineToBasePath() && !insideBaseFolder(*received, settings))
         return std::nullopt;
     return received;
 }

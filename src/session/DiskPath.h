@@ -15,7 +15,8 @@ namespace DiskPath {
 // The path to use on disk, or nothing when the received text names no file:
 // it was not UTF-8 (absent), or it holds a NUL byte, at which the kernel
 // would cut it and act on another item ("a.txt\0.new" is not "a.txt").
-// The settings are where a narrower rule would come from.
+// With the settings' confinement on, a path that leads outside the base
+// folder once its symbolic links and ".." are followed names nothing too.
 std::optional<std::string> of(const std::optional<std::string>& received, const Settings& settings);
 
 } // namespace DiskPath

@@ -273,6 +273,10 @@ private:
         // Read only: every path names nothing, so the data is dropped and no
         // partial is looked at (an over-long one would be deleted).
         file.disk = m_settings.getReadOnly() ? std::nullopt : DiskPath::of(received, m_settings);
+        // The partial beside it must pass the door as well: under
+        // confinement, a link at its name could take the bytes elsewhere.
+        if (file.disk && !DiskPath::of(PartialFile::pathFor(*file.disk), m_settings))
+            file.disk.reset();
         file.path = FileSystem::shown(received);
         file.size = m_io.readLong(kUploading);
         file.modified = m_io.readLong(kUploading);

@@ -69,6 +69,7 @@ void Settings::setDefaults()
     m_startOnLogin = true;
     m_trace = false;
     m_verbose = false;
+    m_confineToBasePath = false;
     m_strictIdentify = false;
     m_readOnly = false;
     m_listenAddress.clear();
@@ -124,6 +125,7 @@ void Settings::applyFileKeys(void* root)
     applyKey(dict, "startOnLogin", m_startOnLogin, PlistFile::boolValue);
     applyKey(dict, "trace", m_trace, PlistFile::boolValue);
     applyKey(dict, "verbose", m_verbose, PlistFile::boolValue);
+    applyKey(dict, "confineToBasePath", m_confineToBasePath, PlistFile::boolValue);
     applyKey(dict, "strictIdentify", m_strictIdentify, PlistFile::boolValue);
     applyKey(dict, "readOnly", m_readOnly, PlistFile::boolValue);
     applyKey(dict, "listenAddress", m_listenAddress, PlistFile::stringValue);
@@ -148,6 +150,8 @@ void Settings::writePreferences()
         plist_dict_set_item(dict, "verbose", plist_new_bool(m_verbose));
         // The hardening keys only when set: a file that never had them is
         // written exactly as before.
+        if (m_confineToBasePath)
+            plist_dict_set_item(dict, "confineToBasePath", plist_new_bool(true));
         if (m_strictIdentify)
             plist_dict_set_item(dict, "strictIdentify", plist_new_bool(true));
         if (m_readOnly)
@@ -312,6 +316,18 @@ void Settings::setVersion(const std::string& version)
 {
     std::lock_guard lock(m_mutex);
     m_version = version;
+}
+
+bool Settings::getConfineToBasePath() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_confineToBasePath;
+}
+
+void Settings::setConfineToBasePath(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_confineToBasePath = on;
 }
 
 bool Settings::getStrictIdentify() const

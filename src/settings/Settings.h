@@ -52,6 +52,9 @@ public:
 
     // Opt-in narrowing of what phones may do, all off by default. Each is
     // written to the file only when set, so a default file stays as it was.
+    // Confine: a path outside the base folder names nothing.
+    bool getConfineToBasePath() const;
+    void setConfineToBasePath(bool on);
     // Strict identify: identify authenticates only with the right hash.
     bool getStrictIdentify() const;
     void setStrictIdentify(bool on);
@@ -94,6 +97,7 @@ private:
     bool m_startOnLogin = true;
     bool m_trace = false;
     bool m_verbose = false;
+    bool m_confineToBasePath = false;
     bool m_strictIdentify = false;
     bool m_readOnly = false;
     std::string m_listenAddress;

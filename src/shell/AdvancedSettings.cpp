@@ -19,6 +19,9 @@ AdvancedSettings::AdvancedSettings(QWidget* parent) : QWidget(parent)
     m_toggle->setAutoRaise(true);
 
     m_body = new QWidget(this);
+    m_confine = new QCheckBox(tr("Only the base folder"), m_body);
+    m_confine->setObjectName("confineCheckBox");
+    m_confine->setToolTip(tr("Phones see and change nothing outside the folder they are first shown"));
     m_strictIdentify = new QCheckBox(tr("Password needed to identify"), m_body);
     m_strictIdentify->setObjectName("strictIdentifyCheckBox");
     m_strictIdentify->setToolTip(tr("Without it, asking who this computer is logs a phone in"));
@@ -32,6 +35,7 @@ AdvancedSettings::AdvancedSettings(QWidget* parent) : QWidget(parent)
 
     auto* form = new QFormLayout(m_body);
     form->setContentsMargins(0, 0, 0, 0);
+    form->addRow(m_confine);
     form->addRow(m_strictIdentify);
     form->addRow(m_readOnly);
     form->addRow(tr("Listen on:"), m_listenAddress);
@@ -55,16 +59,17 @@ void AdvancedSettings::setExpanded(bool expanded)
 
 void AdvancedSettings::load(const Settings& settings)
 {
+    m_confine->setChecked(settings.getConfineToBasePath());
     m_strictIdentify->setChecked(settings.getStrictIdentify());
     m_readOnly->setChecked(settings.getReadOnly());
     m_listenAddress->setText(QString::fromStdString(settings.getListenAddress()));
     const Values v = values();
-    setExpanded(v.strictIdentify || v.readOnly || !v.listenAddress.isEmpty());
+    setExpanded(v.confineToBasePath || v.strictIdentify || v.readOnly || !v.listenAddress.isEmpty());
 }
 
 AdvancedSettings::Values AdvancedSettings::values() const
 {
-    return {m_strictIdentify->isChecked(), m_readOnly->isChecked(),
+    return {m_confine->isChecked(), m_strictIdentify->isChecked(), m_readOnly->isChecked(),
             m_listenAddress->text().trimmed()};
 }
 
@@ -76,6 +81,7 @@ bool AdvancedSettings::listenAddressIsValid() const
 
 void AdvancedSettings::apply(Settings& settings, const Values& values)
 {
+    settings.setConfineToBasePath(values.confineToBasePath);
     settings.setStrictIdentify(values.strictIdentify);
     settings.setReadOnly(values.readOnly);
     settings.setListenAddress(values.listenAddress.toStdString());

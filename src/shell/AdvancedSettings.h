@@ -18,6 +18,7 @@ class AdvancedSettings : public QWidget {
 public:
     // What the section holds, copied out for the save thread.
     struct Values {
+        bool confineToBasePath = false;
         bool strictIdentify = false;
         bool readOnly = false;
         QString listenAddress;
@@ -40,6 +41,7 @@ private:
 
     QToolButton* m_toggle = nullptr;
     QWidget* m_body = nullptr;
+    QCheckBox* m_confine = nullptr;
     QCheckBox* m_strictIdentify = nullptr;
     QCheckBox* m_readOnly = nullptr;
     QLineEdit* m_listenAddress = nullptr;

@@ -184,7 +184,7 @@ TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnly)
     auto file = home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
         R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
         R"(<key>port</key><integer>0</integer></dict></plist>)");
-    Daemon d({"--no-discovery", "--listen", "127.0.0.2", "--strict-identify", "--read-only"});
+    Daemon d({"--no-discovery", "--listen", "127.0.0.2", "--strict-identify", "--read-only", "--confine"});
     auto port = portFrom(d.out("\n"));
     ASSERT_NE(port, 0);
     SyncClient c;

@@ -238,9 +238,10 @@ TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
 
 TEST_F(SettingsTest, HardeningKeysAreReadAndWrittenOnlyWhileSet)
 {
-    writePrefs(xmlPlist("<key>strictIdentify</key><true/>\n"
+    writePrefs(xmlPlist("<key>confineToBasePath</key><true/>\n<key>strictIdentify</key><true/>\n"
                         "<key>readOnly</key><true/>\n<key>listenAddress</key><string>127.0.0.2</string>\n"));
     Settings s{Settings::NoLoginItems{}};
+    EXPECT_TRUE(s.getConfineToBasePath());
     EXPECT_TRUE(s.getStrictIdentify());
     EXPECT_TRUE(s.getReadOnly());
     EXPECT_EQ(s.getListenAddress(), "127.0.0.2");
@@ -249,6 +250,7 @@ TEST_F(SettingsTest, HardeningKeysAreReadAndWrittenOnlyWhileSet)
     EXPECT_EQ(WrittenFile(prefsPath()).keys().count("listenAddress"), 1u);
 
     // Switched off, they leave the file as a default one is.
+    s.setConfineToBasePath(false);
     s.setStrictIdentify(false);
     s.setReadOnly(false);
     s.setListenAddress("");
