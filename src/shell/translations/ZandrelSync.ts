@@ -24,6 +24,49 @@
     </message>
 </context>
 <context>
+    <name>AdvancedSettings</name>
+    <message>
+        <source>Advanced</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Only the base folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phones see and change nothing outside the folder they are first shown</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Password needed to identify</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Without it, asking who this computer is logs a phone in</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Read only</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phones may browse and download, but not upload, create, delete or rename</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>all addresses</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>One IPv4 address of this computer to serve on, or empty for all</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Listen on:</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+<context>
     <name>DesktopNotifier</name>
     <message>
         <source>Sending File</source>
@@ -169,6 +212,10 @@
     </message>
     <message>
         <source>Enter a port from 1024 to 65535 to save</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Enter an IPv4 address such as 192.168.1.20 to listen on, or none, to save</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
