@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -41,25 +42,48 @@ const std::string kSendingData = "sending file data";
 const std::string kUploading = "uploading files";
 const std::string kReceivingData = "receiving file data";
 
-// Serialises the reception of file data across every session of the process.
-std::timed_mutex& uploadLock()
-{
-    static std::timed_mutex lock;
-    return lock;
-}
-
-// Waits for the upload lock while the connection stays open. A session whose
-// streams were closed (stop, the lifetime timer) never takes the lock: it
+// Serialises the reception of file data across every session of the
+// process. A session waits for it only while its connection is open: one
+// whose streams were closed (stop, the lifetime timer) never takes it, and
 // fails as its first read of file data would.
-std::unique_lock<std::timed_mutex> takeUploadLock(const InputStream& input)
-{
-    std::unique_lock lock(uploadLock(), std::defer_lock);
-    while (input.isUsable() && !lock.try_lock_for(std::chrono::milliseconds(100))) {
+class UploadLock {
+public:
+    void lock(const InputStream& input)
+    {
+        std::unique_lock guard(m_mutex);
+        // Closing a stream notifies nobody here: look at it every 100 ms.
+        while (m_held && input.isUsable())
+            m_free.wait_for(guard, std::chrono::milliseconds(100));
+        if (!input.isUsable())
+            throw SyncException("Read Failed", fmt::format("{} returned while trying to {}", 0, kReceivingData));
+        m_held = true;
     }
-    if (!input.isUsable())
-        throw SyncException("Read Failed", fmt::format("{} returned while trying to {}", 0, kReceivingData));
-    return lock;
-}
+
+    void unlock()
+    {
+        {
+            std::lock_guard guard(m_mutex);
+            m_held = false;
+        }
+        m_free.notify_one();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_free;
+    bool m_held = false;
+};
+
+UploadLock g_uploadLock;
+
+// Holds the upload lock for one scope.
+class UploadHold {
+public:
+    explicit UploadHold(const InputStream& input) { g_uploadLock.lock(input); }
+    ~UploadHold() { g_uploadLock.unlock(); }
+    UploadHold(const UploadHold&) = delete;
+    UploadHold& operator=(const UploadHold&) = delete;
+};
 
 // Counts travel as 64 bits but only their low 32 bits count, signed.
 std::int32_t low32(std::int64_t value)
@@ -317,7 +341,7 @@ private:
     // first byte is digested as it is written (`written`), never read back.
     std::int64_t receiveData(const Incoming& file, std::optional<std::string>* written)
     {
-        auto lock = takeUploadLock(m_input);
+        UploadHold lock(m_input);
         std::unique_ptr<PartialFile> partial;
         if (file.disk)
             partial = PartialFile::open(PartialFile::pathFor(*file.disk), file.offset);
