@@ -9,7 +9,6 @@
 #include "app/SocketListener.h"
 #include "app/TCPServer.h"
 #include "app/UIBridge.h"
-#include "client/SyncClient.h"
 #include "settings/Settings.h"
 
 TEST(TCPServer, PortZeroGivesARealPortAndStopIsRepeatable)
@@ -45,32 +44,14 @@ TEST(TCPServer, PortInUseFailsWithCodeOne)
     EXPECT_EQ(server.nativeSocket(), TCPServer::kNoSocket);
 }
 
-TEST(TCPServer, ListensOnTheOneAddressGiven)
+// Binding to the one address given is seen from outside in DaemonTest.
+TEST(TCPServer, ListenAddressThatIsNoIPv4AddressFailsWithCodeOne)
 {
     auto loop = std::make_shared<asio::io_context>();
-    auto work = asio::make_work_guard(*loop);
-    std::thread turner([loop] { loop->run(); });
     TCPServer server;
-    server.setAddress("127.0.0.2");
+    server.setAddress("localhost");
     std::optional<TCPServerError> error;
-    ASSERT_TRUE(server.start(&error, loop));
-    auto reachable = [&](const char* host) {
-        SyncClient client;
-        try {
-            client.connect(host, server.port(), std::chrono::seconds(2));
-            return true;
-        } catch (const std::exception&) {
-            return false;
-        }
-    };
-    EXPECT_TRUE(reachable("127.0.0.2"));
-    EXPECT_FALSE(reachable("127.0.0.1"));
-    server.stop();
-    turner.join();
-
-    TCPServer bad;
-    bad.setAddress("localhost");
-    EXPECT_FALSE(bad.start(&error, loop));
+    EXPECT_FALSE(server.start(&error, loop));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, 1);
 }
