@@ -5,10 +5,15 @@
 
 UIBridge::UIBridge(std::shared_ptr<Settings> settings) : m_settings(std::move(settings)) {}
 
-void UIBridge::log(const std::string& message) const
+bool UIBridge::logging() const
 {
     auto s = settings();
-    if (s && s->getTrace())
+    return s && s->getTrace();
+}
+
+void UIBridge::log(const std::string& message) const
+{
+    if (logging())
         SystemLog::write(message);
 }
 

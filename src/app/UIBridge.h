@@ -35,6 +35,9 @@ public:
     void logError(const std::string& message) const;
     void logInfo(const std::string& message) const;
     void logMessage(const std::string& message) const;
+    // Whether log lines go anywhere at all: a caller whose line is costly to
+    // build (it quotes what a phone sent) asks first.
+    bool logging() const;
     // percent = done * 100 / total in 32-bit arithmetic; the overflow past
     // 21,474,836 is how the progress has always been computed.
     void setProgress(std::int32_t done, std::int32_t total) const;

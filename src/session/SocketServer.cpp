@@ -2,8 +2,10 @@
 
 #include <condition_variable>
 #include <latch>
+#include <string_view>
 #include <thread>
 
+#include <malloc.h>
 
 #include <fmt/format.h>
 
@@ -135,7 +137,17 @@ void SocketServer::threadProc()
     } catch (const std::exception& failure) {
         logError(fmt::format("Exception in run loop: {}", failure.what()));
     }
+    releaseLargeBuffers();
     closeStreams();
+}
+
+void SocketServer::releaseLargeBuffers()
+{
+    // The allocator keeps freed memory for reuse; after a string of several
+    // MiB (a phone's choice) that would keep the process that much larger
+    // for as long as it runs.
+    if (m_io.takeLargeRead())
+        ::malloc_trim(0);
 }
 
 bool SocketServer::waitForCommand()
@@ -166,6 +178,7 @@ void SocketServer::commandLoop()
             logInfo(fmt::format("Command: {}, Len = {}", code, length));
             verifyPassword(code);
             dispatch(code);
+            releaseLargeBuffers();
         }
         if (!m_keepRunning)
             break;
@@ -175,10 +188,14 @@ void SocketServer::commandLoop()
 void SocketServer::verifyPassword(std::uint8_t code)
 {
     try {
-        auto received = m_io.readString("verifying password");
-        std::string text = received.value_or("");
+        // A phone decides how long this is, so it is neither copied nor
+        // quoted in a log line that nobody will see.
+        const auto received = m_io.readString("verifying password");
+        const bool logging = m_uiBridge->logging();
         // Absent (invalid UTF-8) prints as the missing value always has.
-        logInfo(fmt::format("Received password: {}", received ? text : std::string("(null)")));
+        auto shown = [&]() -> std::string_view { return received ? std::string_view(*received) : "(null)"; };
+        if (logging)
+            logInfo(fmt::format("Received password: {}", shown()));
         if (code == Command::IdentifyHost && !m_settings->getStrictIdentify()) {
             // Identify authenticates whatever password it carries, unless
             // the user asked for strict identify: it then passes the same
@@ -186,13 +203,14 @@ void SocketServer::verifyPassword(std::uint8_t code)
             m_authenticated = true;
             return;
         }
-        auto stored = m_settings->getHashedPassword();
-        if (received && text == stored) {
+        const auto stored = m_settings->getHashedPassword();
+        if (received && *received == stored) {
             m_authenticated = true;
             logInfo("Authenticated.");
         } else {
             requirePassword();
-            logInfo(fmt::format("Not authenticated.  Received '{}' != '{}'.", received ? text : "(null)", stored));
+            if (logging)
+                logInfo(fmt::format("Not authenticated.  Received '{}' != '{}'.", shown(), stored));
         }
     } catch (const std::exception& failure) {
         m_io.writeErrorPacket(Command::PasswordFailed, failure, "verifying password");

@@ -76,6 +76,7 @@ private:
     void finishSync();
     void invalidCommand();
     void closeStreams();
+    void releaseLargeBuffers();
     void killTime();
     void streamEvent(int event);
 

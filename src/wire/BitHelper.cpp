@@ -108,16 +108,29 @@ Date decodeDate(const Bytes& data, std::int32_t& index)
     return static_cast<Date>(decodeLongLong(data, index));
 }
 
-std::optional<std::string> stringFromBinary(const std::uint8_t* data, std::size_t length)
+bool isUtf8(const void* data, std::size_t length)
 {
+    const auto* bytes = static_cast<const utf8proc_uint8_t*>(data);
     std::size_t pos = 0;
     while (pos < length) {
+        // Plain ASCII needs no decoding, and is most of what arrives.
+        if (bytes[pos] < 0x80) {
+            ++pos;
+            continue;
+        }
         utf8proc_int32_t cp = 0;
-        auto step = utf8proc_iterate(data + pos, static_cast<utf8proc_ssize_t>(length - pos), &cp);
+        auto step = utf8proc_iterate(bytes + pos, static_cast<utf8proc_ssize_t>(length - pos), &cp);
         if (step <= 0)
-            return std::nullopt;
+            return false;
         pos += static_cast<std::size_t>(step);
     }
+    return true;
+}
+
+std::optional<std::string> stringFromBinary(const std::uint8_t* data, std::size_t length)
+{
+    if (!isUtf8(data, length))
+        return std::nullopt;
     return std::string(reinterpret_cast<const char*>(data), length);
 }
 

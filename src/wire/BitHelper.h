@@ -42,5 +42,7 @@ Date decodeDate(const Bytes& data, std::int32_t& index);
 // A whole buffer as UTF-8 text, no length prefix; absent when not valid UTF-8.
 std::optional<std::string> stringFromBinary(const Bytes& data);
 std::optional<std::string> stringFromBinary(const std::uint8_t* data, std::size_t length);
+// Whether the bytes are valid UTF-8 (what stringFromBinary accepts).
+bool isUtf8(const void* data, std::size_t length);
 
 } // namespace BitHelper

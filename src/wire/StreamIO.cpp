@@ -1,7 +1,11 @@
 #include "wire/StreamIO.h"
 
 #include <algorithm>
+#include <new>
+#include <utility>
 #include <vector>
+
+#include <sys/mman.h>
 
 #include <fmt/format.h>
 
@@ -27,9 +31,15 @@ std::mutex& writeLock()
 // close() wakes the wait at once, so this only bounds an unforeseen stall.
 constexpr int kWaitSliceMs = 500;
 
-// Past this many bytes a length from the wire is not trusted for one
-// allocation: the buffer grows as the bytes arrive.
-constexpr std::int64_t kGrowStep = 1 << 20;
+// A length from the wire is not trusted for an allocation: a string is read
+// into blocks allocated as its bytes arrive, the first one small, so a
+// declared length with nothing behind it costs one small block.
+constexpr std::int64_t kFirstBlock = 64 << 10;
+constexpr std::int64_t kLargestBlock = 1 << 20;
+
+// Strings longer than this have their memory handed back to the system
+// once they are gone.
+constexpr std::int64_t kLargeString = 4 << 20;
 
 // Reads straight into a caller's buffer.
 struct FixedSink {
@@ -38,23 +48,72 @@ struct FixedSink {
     void commit(std::int64_t n) { at += n; }
 };
 
-// Reads into a vector that grows with what has arrived.
-struct GrowingSink {
-    std::vector<std::uint8_t>& bytes;
-    std::int64_t filled = 0;
+// Memory for one block of a string. The full-size blocks are mapped
+// directly, so that each one goes back to the system the moment it has been
+// copied; from the allocator they could stay with the process.
+class BlockMemory {
+public:
+    explicit BlockMemory(std::int64_t size) : m_size(static_cast<std::size_t>(size))
+    {
+        if (size >= kLargestBlock) {
+            void* mapped = ::mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (mapped == MAP_FAILED)
+                throw std::bad_alloc();
+            m_bytes = static_cast<std::uint8_t*>(mapped);
+            m_mapped = true;
+        } else {
+            m_bytes = new std::uint8_t[m_size];
+        }
+    }
+    ~BlockMemory() { release(); }
+    BlockMemory(BlockMemory&& other) noexcept
+        : m_bytes(std::exchange(other.m_bytes, nullptr)), m_size(other.m_size), m_mapped(other.m_mapped)
+    {
+    }
+    BlockMemory(const BlockMemory&) = delete;
+    BlockMemory& operator=(const BlockMemory&) = delete;
+    BlockMemory& operator=(BlockMemory&&) = delete;
+
+    std::uint8_t* data() const { return m_bytes; }
+    void release()
+    {
+        if (m_bytes && m_mapped)
+            ::munmap(m_bytes, m_size);
+        else
+            delete[] m_bytes;
+        m_bytes = nullptr;
+    }
+
+private:
+    std::uint8_t* m_bytes = nullptr;
+    std::size_t m_size = 0;
+    bool m_mapped = false;
+};
+
+// Reads into blocks that are added as the bytes arrive.
+struct BlockSink {
+    struct Block {
+        BlockMemory memory;
+        std::int64_t size;
+        std::int64_t filled;
+    };
+    std::vector<Block> blocks;
+
     std::uint8_t* space(std::int64_t want)
     {
-        auto needed = filled + std::min(want, kGrowStep);
-        if (static_cast<std::int64_t>(bytes.size()) < needed)
-            bytes.resize(static_cast<std::size_t>(needed));
-        return bytes.data() + filled;
+        if (blocks.empty() || blocks.back().filled == blocks.back().size) {
+            auto step = std::min(kFirstBlock << std::min<std::size_t>(blocks.size(), 4), kLargestBlock);
+            auto size = std::min(want, step);
+            blocks.push_back({BlockMemory(size), size, 0});
+        }
+        return blocks.back().memory.data() + blocks.back().filled;
     }
-    std::int64_t room() const { return static_cast<std::int64_t>(bytes.size()) - filled; }
-    void commit(std::int64_t n) { filled += n; }
+    std::int64_t room() const { return blocks.back().size - blocks.back().filled; }
+    void commit(std::int64_t n) { blocks.back().filled += n; }
 };
 
 std::int64_t roomOf(FixedSink&, std::int64_t want) { return want; }
-std::int64_t roomOf(GrowingSink& s, std::int64_t want) { return std::min(want, s.room()); }
+std::int64_t roomOf(BlockSink& s, std::int64_t want) { return std::min(want, s.room()); }
 
 } // namespace
 
@@ -158,10 +217,26 @@ bool StreamIO::readBool(const std::string& context)
 std::optional<std::string> StreamIO::readString(const std::string& context)
 {
     std::int64_t length = readLong("get length of string");
-    std::vector<std::uint8_t> bytes;
-    GrowingSink sink{bytes};
+    BlockSink sink;
     readLoop(length, context, sink);
-    return BitHelper::stringFromBinary(bytes.data(), static_cast<std::size_t>(length));
+    // Each block goes as soon as it is copied, so the whole string is held
+    // about once, never twice.
+    std::string text;
+    text.reserve(static_cast<std::size_t>(length));
+    for (auto& block : sink.blocks) {
+        text.append(reinterpret_cast<const char*>(block.memory.data()), static_cast<std::size_t>(block.filled));
+        block.memory.release();
+    }
+    if (length > kLargeString)
+        m_largeRead = true;
+    if (!BitHelper::isUtf8(text.data(), text.size()))
+        return std::nullopt;
+    return text;
+}
+
+bool StreamIO::takeLargeRead()
+{
+    return std::exchange(m_largeRead, false);
 }
 
 std::optional<std::int64_t> StreamIO::writePass(const std::uint8_t* source, std::int64_t want)

@@ -33,8 +33,12 @@ public:
     void read(std::uint8_t* dest, std::int64_t length, const std::string& context);
     std::int64_t readLong(const std::string& context);
     bool readBool(const std::string& context);
-    // Absent when the bytes are not UTF-8.
+    // Absent when the bytes are not UTF-8. Costs about the string's length
+    // plus a small block, however long the declared length is.
     std::optional<std::string> readString(const std::string& context);
+    // True (once) when a string of several MiB was read since the last call:
+    // when the caller has dropped it, its memory is worth giving back.
+    bool takeLargeRead();
 
     void writeBytes(const std::uint8_t* source, std::int64_t length, const std::string& context);
     void writeData(const Bytes& data, const std::string& context);
@@ -68,4 +72,5 @@ private:
     InputStream& m_input;
     OutputStream& m_output;
     StreamLogger& m_log;
+    bool m_largeRead = false;
 };

@@ -1,4 +1,6 @@
 #include <cstring>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -146,6 +148,58 @@ TEST_F(StreamIOTest, HugeStringLengthFailsWithoutAllocatingIt)
     b += Bytes{'a'};
     peerSends(b);
     expectFailure([&] { m_io->readString("x"); }, "4GB File??", "");
+}
+
+// This process's resident memory in KiB ("VmRSS", or "VmHWM" for the peak).
+long residentKiB(const std::string& field)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.starts_with(field + ":"))
+            return std::stol(line.substr(field.size() + 1));
+    return -1;
+}
+
+// Starts a new peak; false where the kernel does not allow it.
+bool resetPeak()
+{
+    std::ofstream clear("/proc/self/clear_refs");
+    clear << "5";
+    clear.flush();
+    return clear.good() && residentKiB("VmHWM") >= 0;
+}
+
+TEST_F(StreamIOTest, AStringCostsItsLengthOnceAndADeclaredLengthAloneNextToNothing)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a sanitizer's allocator and shadow memory are not this program's figures";
+#endif
+    if (!resetPeak())
+        GTEST_SKIP() << "the peak resident memory cannot be reset here";
+    constexpr std::int64_t size = 64 << 20;
+    std::thread peer([this] {
+        peerSends(BitHelper::encodeLongLong(size));
+        const Bytes block(1 << 20, 'x');
+        for (std::int64_t sent = 0; sent < size; sent += static_cast<std::int64_t>(block.size()))
+            peerSends(block);
+    });
+    long before = residentKiB("VmRSS");
+    auto text = m_io->readString("x");
+    peer.join();
+    ASSERT_TRUE(text);
+    EXPECT_EQ(text->size(), static_cast<std::size_t>(size));
+    EXPECT_LT(residentKiB("VmHWM") - before, size / 1024 * 5 / 4);
+    text.reset();
+
+    // A length with (almost) nothing behind it.
+    ASSERT_TRUE(resetPeak());
+    before = residentKiB("VmRSS");
+    peerSends(BitHelper::encodeLongLong(1LL << 30));
+    peerSends(Bytes(10, 'y'));
+    peerCloses();
+    expectFailure([&] { m_io->readString("x"); }, "Read Failed", "0 returned while trying to x");
+    EXPECT_LT(residentKiB("VmHWM") - before, 512);
 }
 
 TEST_F(StreamIOTest, ZeroByteWriteDoesNothing)
