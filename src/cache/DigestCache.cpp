@@ -79,14 +79,17 @@ DigestCache::~DigestCache()
     closeDb();
 }
 
-std::string DigestCache::digestOf(const std::string& path, const std::optional<FileState>& seen)
+std::string DigestCache::digestOf(
+    const std::string& path, const std::optional<FileState>& seen, const std::atomic<bool>* keepGoing)
 {
     auto before = seen ? seen : FileState::of(path);
     if (before)
         if (auto known = lookup(*before))
             return *known;
     std::int64_t readAt = nowNs();
-    std::string digest = Digest::md5OfFile(path);
+    std::string digest = Digest::md5OfFile(path, keepGoing);
+    if (keepGoing && !*keepGoing)
+        return digest;
     // Kept only when nothing moved while it was read, and when a read that
     // failed part-way (which digests as empty input) cannot be what we keep.
     auto after = FileState::of(path);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -43,8 +44,10 @@ public:
     // from the cache when the file's state is unchanged, otherwise read, and
     // kept unless the file was changing. `seen` is a state the caller has
     // just read, saving a second look. Anything but a regular file is read
-    // every time.
-    std::string digestOf(const std::string& path, const std::optional<FileState>& seen = std::nullopt);
+    // every time. A read cut short by `keepGoing` (see Digest::md5OfFile)
+    // is not kept.
+    std::string digestOf(const std::string& path, const std::optional<FileState>& seen = std::nullopt,
+        const std::atomic<bool>* keepGoing = nullptr);
 
     std::optional<std::string> lookup(const FileState& state);
     void store(const FileState& state, const std::string& digest);

@@ -1,6 +1,7 @@
 #include "session/SocketServer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -154,8 +155,9 @@ private:
 // record, bytes and digest, then the end marker.
 class Download {
 public:
-    Download(StreamIO& io, const UIBridge& bridge, const Settings& settings)
-        : m_io(io), m_bridge(bridge), m_settings(settings)
+    // `keepGoing` turns false when the session is told to end.
+    Download(StreamIO& io, const UIBridge& bridge, const Settings& settings, const std::atomic<bool>& keepGoing)
+        : m_io(io), m_bridge(bridge), m_settings(settings), m_keepGoing(keepGoing)
     {
     }
 
@@ -212,7 +214,9 @@ private:
         sendBytes(source, *disk, file.offset, static_cast<std::int64_t>(record.size));
 
         if (withDigest)
-            m_io.writeData(BitHelper::encodeString(DigestCache::shared()->digestOf(*disk)), kDownloading);
+            m_io.writeData(
+                BitHelper::encodeString(DigestCache::shared()->digestOf(*disk, std::nullopt, &m_keepGoing)),
+                kDownloading);
         m_bridge.logInfo(fmt::format("Sent: {}", *disk));
     }
 
@@ -249,6 +253,7 @@ private:
     StreamIO& m_io;
     const UIBridge& m_bridge;
     const Settings& m_settings;
+    const std::atomic<bool>& m_keepGoing;
     std::vector<std::uint8_t> m_buffer;
 };
 
@@ -256,8 +261,10 @@ private:
 // partial file, answers them, then receives each file and moves it into place.
 class Upload {
 public:
-    Upload(StreamIO& io, InputStream& input, const UIBridge& bridge, const Settings& settings)
-        : m_io(io), m_input(input), m_bridge(bridge), m_settings(settings)
+    // `keepGoing` turns false when the session is told to end.
+    Upload(StreamIO& io, InputStream& input, const UIBridge& bridge, const Settings& settings,
+        const std::atomic<bool>& keepGoing)
+        : m_io(io), m_input(input), m_bridge(bridge), m_settings(settings), m_keepGoing(keepGoing)
     {
     }
 
@@ -390,9 +397,10 @@ private:
         }
     }
 
-    static std::string digestOf(const std::optional<std::string>& disk)
+    std::string digestOf(const std::optional<std::string>& disk) const
     {
-        return disk ? DigestCache::shared()->digestOf(*disk) : SocketServer::getMD5FromFile(std::string());
+        return disk ? DigestCache::shared()->digestOf(*disk, std::nullopt, &m_keepGoing)
+                    : SocketServer::getMD5FromFile(std::string());
     }
 
     // Bytes already on the connection, after a short wait when there are none
@@ -412,6 +420,7 @@ private:
     InputStream& m_input;
     const UIBridge& m_bridge;
     const Settings& m_settings;
+    const std::atomic<bool>& m_keepGoing;
     std::vector<std::uint8_t> m_buffer;
 };
 
@@ -419,10 +428,12 @@ private:
 
 void SocketServer::downloadFiles()
 {
-    guarded(Command::DownloadFiles, kDownloading, [&] { Download(m_io, *m_uiBridge, *m_settings).run(); });
+    guarded(Command::DownloadFiles, kDownloading, [&] { Download(m_io, *m_uiBridge, *m_settings, m_answerable).run(); });
 }
 
 void SocketServer::uploadFiles()
 {
-    guarded(Command::UploadFiles, kUploading, [&] { Upload(m_io, *m_istream, *m_uiBridge, *m_settings).run(); });
+    guarded(Command::UploadFiles, kUploading, [&] {
+        Upload(m_io, *m_istream, *m_uiBridge, *m_settings, m_answerable).run();
+    });
 }

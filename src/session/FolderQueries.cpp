@@ -13,6 +13,7 @@
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
+#include "wire/Digest.h"
 #include "wire/Paths.h"
 
 namespace {
@@ -156,7 +157,8 @@ void SocketServer::allFilesInFolder()
             m_io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()), context);
             return;
         }
-        FolderWalk::Hooks hooks{[this](const std::string& line) { logInfo(line); }, m_settings->getTrace()};
+        FolderWalk::Hooks hooks{
+            [this](const std::string& line) { logInfo(line); }, m_settings->getTrace(), &m_answerable};
         FolderWalk(m_io, context, std::move(hooks), withHash).run(*disk);
     });
 }
@@ -183,7 +185,7 @@ void SocketServer::recurseFolder(const std::string& path, bool withHash)
                 continue;
             FileSyncInfo info = FileSyncInfo::initFromPath(child);
             if (withHash)
-                info.hash = getMD5FromFile(child);
+                info.hash = Digest::md5OfFile(child, &m_answerable);
             m_io.writeData(BitHelper::encodeFileSyncInfo(info), context);
             logInfo(fmt::format("Found file: {}.", child));
         } catch (const std::exception& failure) {

@@ -215,9 +215,8 @@ void FolderWalk::walkFolder(const std::string& path, DirSyncInfo record, bool is
                 item.file->hash = std::move(*known);
             else
                 item.digest = m_pool->submit(
-                    [cache = m_cache, path = item.file->fullName, state = entry.state] {
-                        return cache->digestOf(path, state);
-                    });
+                    [cache = m_cache, path = item.file->fullName, state = entry.state,
+                        keepGoing = m_hooks.keepGoing] { return cache->digestOf(path, state, keepGoing); });
         }
         add(std::move(item));
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -32,6 +33,8 @@ public:
         std::function<void(const std::string&)> logInfo;
         // Whether log lines are written at all (formatting them costs).
         bool logging = false;
+        // Turns false when the session is told to end: digests under way stop.
+        const std::atomic<bool>* keepGoing = nullptr;
     };
 
     FolderWalk(StreamIO& io, std::string context, Hooks hooks, bool withDigests);

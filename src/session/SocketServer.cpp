@@ -105,6 +105,7 @@ void SocketServer::shutdown()
     // Clearing the flag alone would leave a session that waits inside a read
     // for a stalled peer (perhaps holding the upload lock) running for ever.
     m_keepRunning = false;
+    m_answerable = false;
     m_istream->close();
     m_ostream->close();
 }
@@ -117,6 +118,7 @@ void SocketServer::streamEvent(int event)
 
 void SocketServer::killTime()
 {
+    m_answerable = false;
     m_istream->close();
     m_ostream->close();
 }

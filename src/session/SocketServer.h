@@ -124,6 +124,9 @@ private:
     // Written by the listener's and the session's threads, read by the loop.
     std::atomic<bool> m_keepRunning{false};
     std::atomic<bool> m_connected{false};
+    // Cleared when stop or the lifetime timer cuts the connection: nobody
+    // will read what the work under way would answer, so long digests stop.
+    std::atomic<bool> m_answerable{true};
     bool m_authenticated = false;
 };
 

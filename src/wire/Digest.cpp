@@ -53,7 +53,7 @@ std::string md5Hex(const void* data, std::size_t length)
     return finishHex(ctx.get());
 }
 
-std::string md5OfFile(const std::string& path)
+std::string md5OfFile(const std::string& path, const std::atomic<bool>* keepGoing)
 {
     auto ctx = newMd5();
     // Only a plain file is digested, and only as far as it reached when it
@@ -74,7 +74,7 @@ std::string md5OfFile(const std::string& path)
     // whole-file read it replaces would have produced no data at all.
     constexpr std::int64_t kBlock = 1 << 20;
     std::unique_ptr<unsigned char[]> block(new unsigned char[kBlock]);
-    while (left > 0) {
+    while (left > 0 && (!keepGoing || *keepGoing)) {
         ssize_t n = ::read(fd, block.get(), static_cast<std::size_t>(std::min(left, kBlock)));
         if (n < 0 && errno == EINTR)
             continue;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -13,7 +14,10 @@ namespace Digest {
 
 // 32 lower-case hex digits of a file's contents, read in blocks so memory
 // stays bounded; a file that cannot be read is digested as empty input.
-std::string md5OfFile(const std::string& path);
+// Reading stops early once `keepGoing` turns false (the session that asked
+// has been told to end, and nobody will see the result); the text returned
+// then is that of the bytes read so far and must not be kept.
+std::string md5OfFile(const std::string& path, const std::atomic<bool>* keepGoing = nullptr);
 // 32 upper-case hex digits of the UTF-8 bytes of a string.
 std::string md5OfString(std::string_view text);
 // 32 lower-case hex digits of a byte range.

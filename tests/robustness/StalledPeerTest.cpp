@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -139,4 +140,24 @@ TEST_F(StalledPeers, AnUploadToldToEndWhileWaitingForTheLockEndsWithoutIt)
     EXPECT_TRUE(server.log().waitFor("Connection closed."));
     EXPECT_FALSE(std::filesystem::exists(m_folder / "waits.bin.zandrel"));
     EXPECT_FALSE(holder->waitForClose(0ms));
+}
+
+TEST(BusySession, StopEndsOneDigestingAHugeFile)
+{
+    LoopbackServer server;
+    // Sparse, so it costs no disk, but reading it through takes a minute.
+    auto huge = server.home().path() / "huge.img";
+    std::filesystem::create_directories(huge.parent_path());
+    { std::ofstream(huge).flush(); }
+    std::filesystem::resize_file(huge, 64ull << 30);
+
+    auto phone = server.connect();
+    // From the end of the file: no bytes to send, only the digest of all of it.
+    phone->sendCommand(Command::DownloadFiles, join({number(1), text(huge.string()), number(64ll << 30), flag(true)}));
+    EXPECT_EQ(phone->readReply(true).code, Command::DownloadFiles);
+    std::this_thread::sleep_for(200ms);
+
+    server.app().stop();
+    // A second, normally; the bound only catches a digest read to the end.
+    EXPECT_TRUE(SocketServer::waitForAllSessions(5s));
 }
