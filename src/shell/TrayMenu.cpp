@@ -21,12 +21,6 @@
 #include "shell/UpdateCheck.h"
 #include "shell/UpdateDialog.h"
 
-namespace {
-
-TrayMenu* g_sharedTrayMenu = nullptr;
-
-} // namespace
-
 TrayMenu::TrayMenu(std::shared_ptr<Notifier> notifier)
     : m_notifier(notifier ? std::move(notifier) : std::make_shared<DesktopNotifier>())
 {
@@ -34,19 +28,12 @@ TrayMenu::TrayMenu(std::shared_ptr<Notifier> notifier)
 
 TrayMenu::~TrayMenu()
 {
-    if (g_sharedTrayMenu == this)
-        g_sharedTrayMenu = nullptr;
     // The workers (a save among them) finish before the server stops for good.
     BackgroundJobs::stopAll();
     if (_app)
         _app->stop();
     if (m_updateWindow)
         delete m_updateWindow.data();
-}
-
-TrayMenu* TrayMenu::sharedTrayMenu()
-{
-    return g_sharedTrayMenu;
 }
 
 UpdateDialog* TrayMenu::updateWindow() const
@@ -56,7 +43,6 @@ UpdateDialog* TrayMenu::updateWindow() const
 
 void TrayMenu::applicationDidFinishLaunching()
 {
-    g_sharedTrayMenu = this;
     _settings = std::make_shared<Settings>();
     _app = std::make_shared<App>(_settings);
     _app->uiBridge()->setNotifier(m_notifier);

@@ -26,9 +26,6 @@ public:
     explicit TrayMenu(std::shared_ptr<Notifier> notifier = nullptr);
     ~TrayMenu() override;
 
-    // The delegate made at launch; null before.
-    static TrayMenu* sharedTrayMenu();
-
     void applicationDidFinishLaunching();
 
     QMenu* menu() const { return _menu.get(); }
