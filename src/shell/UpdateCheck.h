@@ -30,7 +30,9 @@ QString bundleVersion();
 bool isNewer(const QString& offered);
 
 // How a request may use cached answers. Nothing in the shell keeps a cache,
-// so both always reach the server; the distinction is kept for the reader.
+// so both reach the server, but not alike: ignoring local answers makes Qt
+// send "Cache-Control: no-cache" and "Pragma: no-cache", revalidating sends
+// neither, and the update server sees the difference.
 enum class CachePolicy { ReloadIgnoringLocal, ReloadRevalidating };
 // A GET with a 10-second transfer time-out.
 QNetworkRequest request(const QUrl& url, CachePolicy policy);

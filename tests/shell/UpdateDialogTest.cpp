@@ -164,6 +164,10 @@ TEST_F(UpdateDialogTest, MatchingDigestReplacesOldPackageOpensItAndQuits)
     EXPECT_EQ(m_opened.front().toStdString(), package().string());
     EXPECT_EQ(m_quits, 1);
     EXPECT_EQ(m_server.hits(kInfoPath), 2) << "the description is read afresh for the download";
+    // The server sees the cache policy: the re-read revalidates, the package ignores caches.
+    ASSERT_EQ(m_server.requests().size(), 3u);
+    EXPECT_FALSE(m_server.requests()[1].toLower().contains("cache-control"));
+    EXPECT_TRUE(m_server.requests()[2].toLower().contains("\r\ncache-control: no-cache\r\n"));
 }
 
 TEST(UpdateCheckTest, PlaceholdersAreFilledInOrderOnce)
