@@ -59,7 +59,8 @@ void addTransferOptions(CLI::App* command, Arguments& a, const char* treeHelp)
         "Reconnections in a row, with no byte moved, before a transfer gives up")
         ->capture_default_str()
         ->check(CLI::Range(0, 100));
-    // Digests are checked by default now; the old switch is still accepted.
+    // Digests are checked by default; the switch is accepted so that
+    // scripts which pass it go on working.
     command->add_flag("--md5", a.legacyMd5, "Check digests (the default)")->group("");
 }
 

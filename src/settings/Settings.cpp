@@ -148,8 +148,9 @@ void Settings::writePreferences()
         plist_dict_set_item(dict, "toast", plist_new_bool(m_toast));
         plist_dict_set_item(dict, "trace", plist_new_bool(m_trace));
         plist_dict_set_item(dict, "verbose", plist_new_bool(m_verbose));
-        // The hardening keys only when set: a file that never had them is
-        // written exactly as before.
+        // The hardening keys only when set, so that with all of them off the
+        // file holds the usual keys alone.
+        // kept: see docs/protocol.md (settings file)
         if (m_confineToBasePath)
             plist_dict_set_item(dict, "confineToBasePath", plist_new_bool(true));
         if (m_strictIdentify)
@@ -417,7 +418,8 @@ std::int32_t Settings::getVersionFromString(const std::string& version)
     if (parts.size() != 3)
         return 0;
     // 32-bit wrap-around, done unsigned to stay defined; a minor or patch
-    // of 100 or more spills into the next place, kept as it is.
+    // of 100 or more spills into the next place.
+    // kept: see docs/protocol.md (version numbers)
     std::uint32_t value = 0;
     for (const std::string& part : parts)
         value = value * 100u + static_cast<std::uint32_t>(NumberText::leadingInteger(part));

@@ -51,7 +51,8 @@ public:
     void setVersion(const std::string& version);
 
     // Opt-in narrowing of what phones may do, all off by default. Each is
-    // written to the file only when set, so a default file stays as it was.
+    // written to the file only when set.
+    // kept: see docs/protocol.md (settings file)
     // Confine: a path outside the base folder names nothing.
     bool getConfineToBasePath() const;
     void setConfineToBasePath(bool on);

@@ -25,7 +25,8 @@
 namespace {
 
 // Log lines below this level never reach the view. The three log
-// operations use levels 0 to 2, so the view stays empty; kept on purpose.
+// operations use levels 0 to 2, so the view stays empty.
+// kept: see docs/protocol.md (silent log view)
 constexpr int kLogViewThreshold = 10;
 
 // How often the status line looks at the server while the window is shown.
@@ -221,8 +222,8 @@ void SettingsDialog::controlTextDidChange(QLineEdit* field)
 
 int SettingsDialog::intValue(const QString& text)
 {
-    // Leading ASCII digits, saturating: what the port field's integer value
-    // always meant.
+    // Leading ASCII digits, saturating, so that a long run of digits stays
+    // out of range instead of wrapping into it.
     long long value = 0;
     for (QChar c : text) {
         if (c < QLatin1Char('0') || c > QLatin1Char('9'))

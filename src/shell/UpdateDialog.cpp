@@ -124,7 +124,8 @@ void UpdateDialog::_downloadUpdate(const std::shared_ptr<Relay>& relay)
     const QString& version = fields[0];
     const QString& digest = fields[1];
     const QString& packageURL = fields[2];
-    // A substring test, not a prefix test, as it always was.
+    // A substring test, not a prefix test.
+    // kept: see docs/protocol.md (trusted download prefix)
     if (!packageURL.contains(UpdateCheck::trustedDownloadPrefix())) {
         displayStatusBox(relay, tr("\rInvalid file path"));
         return;
