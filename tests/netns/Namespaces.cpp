@@ -13,30 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-Fd& Fd::operator=(Fd&& other) noexcept
-{
-    if (this != &other) {
-        reset();
-        m_fd = std::exchange(other.m_fd, -1);
-    }
-    return *this;
-}
-
-void Fd::reset()
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
-}
-
 namespace {
 
 std::string ipProgram()
 {
-    for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
+    for (const char* path : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"})
         if (::access(path, X_OK) == 0)
             return path;
-    }
     return {};
 }
 
@@ -109,12 +92,10 @@ std::string isolateNetwork()
 
 std::string TwoHosts::make()
 {
-    if (ipProgram().empty())
-        return "iproute2's ip is not installed";
     // First leave whatever namespace the binary was started in, so nothing
     // below can touch a real interface.
-    if (::unshare(CLONE_NEWNET) != 0)
-        return systemError("cannot make a network namespace (needs CAP_SYS_ADMIN, e.g. unshare -rn)");
+    if (std::string why = isolateNetwork(); !why.empty())
+        return why;
     m_desktopNs = currentNamespace();
     if (::unshare(CLONE_NEWNET) != 0)
         return systemError("cannot make the phone's network namespace");
@@ -123,34 +104,24 @@ std::string TwoHosts::make()
         return systemError("cannot return to the desktop's network namespace");
     if (!m_desktopNs.valid() || !m_phoneNs.valid())
         return "cannot open the namespaces' handles";
-    return configure();
-}
 
-std::string TwoHosts::configure()
-{
-    const std::string phonePath = "/proc/self/fd/" + std::to_string(m_phoneNs.get());
-    const std::vector<std::vector<std::string>> desktop{
-        {"link", "set", "lo", "up"},
-        {"link", "add", "veth0", "type", "veth", "peer", "name", "veth1", "netns", phonePath},
-        {"addr", "add", std::string(kDesktop) + "/24", "dev", "veth0"},
-        {"link", "set", "veth0", "up"},
-        {"route", "add", "224.0.0.0/4", "dev", "veth0"},
+    const int desktop = -1;
+    const int phone = m_phoneNs.get();
+    const std::vector<std::pair<int, std::vector<std::string>>> steps{
+        {desktop, {"link", "add", "veth0", "type", "veth", "peer", "name", "veth1", "netns",
+                   "/proc/self/fd/" + std::to_string(phone)}},
+        {desktop, {"addr", "add", std::string(kDesktop) + "/24", "dev", "veth0"}},
+        {desktop, {"link", "set", "veth0", "up"}},
+        {desktop, {"route", "replace", "224.0.0.0/4", "dev", "veth0"}},
+        {phone, {"link", "set", "lo", "up"}},
+        {phone, {"addr", "add", std::string(kPhone) + "/24", "dev", "veth1"}},
+        {phone, {"addr", "add", std::string(kPhoneHigh) + "/24", "dev", "veth1"}},
+        {phone, {"link", "set", "veth1", "up"}},
+        {phone, {"route", "add", "224.0.0.0/4", "dev", "veth1"}},
     };
-    const std::vector<std::vector<std::string>> phone{
-        {"link", "set", "lo", "up"},
-        {"addr", "add", std::string(kPhone) + "/24", "dev", "veth1"},
-        {"addr", "add", std::string(kPhoneHigh) + "/24", "dev", "veth1"},
-        {"link", "set", "veth1", "up"},
-        {"route", "add", "224.0.0.0/4", "dev", "veth1"},
-    };
-    for (const auto& args : desktop) {
-        if (!runIp(args))
-            return "ip " + args[0] + " " + args[1] + " failed in the desktop's namespace";
-    }
-    for (const auto& args : phone) {
-        if (!runIp(args, m_phoneNs.get()))
-            return "ip " + args[0] + " " + args[1] + " failed in the phone's namespace";
-    }
+    for (const auto& [ns, args] : steps)
+        if (!runIp(args, ns))
+            return "ip " + args[0] + " " + args[1] + " failed on the " + (ns == phone ? "phone" : "desktop");
     return {};
 }
 
@@ -211,15 +182,12 @@ std::optional<Datagram> receive(int fd, std::chrono::milliseconds timeout)
     Datagram d;
     d.payload.assign(data.data(), static_cast<std::size_t>(got));
     d.from = dotted(from.sin_addr);
-    d.fromPort = ntohs(from.sin_port);
     for (cmsghdr* c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
-        if (c->cmsg_level != IPPROTO_IP)
-            continue;
-        if (c->cmsg_type == IP_PKTINFO) {
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
             in_pktinfo info{};
             std::memcpy(&info, CMSG_DATA(c), sizeof info);
             d.to = dotted(info.ipi_addr);
-        } else if (c->cmsg_type == IP_TTL) {
+        } else if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TTL) {
             std::memcpy(&d.ttl, CMSG_DATA(c), sizeof d.ttl);
         }
     }

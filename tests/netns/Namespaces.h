@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include <unistd.h>
+
 // Owns one file descriptor.
 class Fd {
 public:
@@ -14,13 +16,23 @@ public:
     explicit Fd(int fd) : m_fd(fd) {}
     ~Fd() { reset(); }
     Fd(Fd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    Fd& operator=(Fd&& other) noexcept;
+    // The descriptor held before goes with `other`.
+    Fd& operator=(Fd&& other) noexcept
+    {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
 
     int get() const { return m_fd; }
     bool valid() const { return m_fd >= 0; }
-    void reset();
+    void reset()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = -1;
+    }
 
 private:
     int m_fd = -1;
@@ -53,18 +65,15 @@ public:
     Fd phoneSocket() const;
 
 private:
-    std::string configure();
-
     Fd m_desktopNs;
     Fd m_phoneNs;
 };
 
-// A datagram as the receiver saw it.
+// A datagram as the receiver saw it, with the destination address in the IP
+// header (a group or a host) and the TTL it arrived with.
 struct Datagram {
     std::string payload;
     std::string from;
-    std::uint16_t fromPort = 0;
-    // The destination address in the IP header: a group or a host.
     std::string to;
     int ttl = -1;
 };
