@@ -207,8 +207,8 @@ TEST_F(SettingsDialogTest, HostDetailsAreShownAsWrittenEvenWhenTheyLookLikeMarku
 {
     m_settings->setVersion("<b>1.5.0</b>");
     m_dialog->_updateForm();
-    auto* version = control<QLabel>("versionField");
     // What a person can select is what is shown.
+    auto* version = control<QLabel>("versionField");
     version->setSelection(0, static_cast<int>(version->text().size()));
     EXPECT_EQ(version->selectedText(), "<b>1.5.0</b>");
 }
@@ -219,23 +219,21 @@ class TwoAddressesTest : public SettingsDialogTest {
 protected:
     void SetUp() override
     {
-        if (ownsNetworkNamespace()) {
-            for (const char* address : kAddresses)
-                std::system((std::string("ip addr add ") + address + "/32 dev lo").c_str());
-            m_added = true;
-        }
+        m_added = ownsNetworkNamespace() && addresses("add");
         SettingsDialogTest::SetUp();
     }
-
     void TearDown() override
     {
         SettingsDialogTest::TearDown();
         if (m_added)
-            for (const char* address : kAddresses)
-                std::system((std::string("ip addr del ") + address + "/32 dev lo").c_str());
+            addresses("del");
+    }
+    static bool addresses(const std::string& verb)
+    {
+        const std::string ip = "ip addr " + verb;
+        return std::system((ip + " 10.77.9.1/32 dev lo && " + ip + " 10.77.9.2/32 dev lo").c_str()) == 0;
     }
 
-    static constexpr const char* kAddresses[] = {"10.77.9.1", "10.77.9.2"};
     bool m_added = false;
 };
 

@@ -34,6 +34,11 @@ std::uint16_t freePort()
     return probe.serverPort();
 }
 
+QString unansweredURL()
+{
+    return QStringLiteral("http://127.0.0.1:%1/CurrentZandrelMac.txt").arg(freePort());
+}
+
 LocalHttpServer::LocalHttpServer()
 {
     m_server.listen(QHostAddress::LocalHost, 0);

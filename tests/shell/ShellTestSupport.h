@@ -21,8 +21,10 @@ void setOwnsNetworkNamespace(bool owns);
 // Runs the event loop until the condition holds or the time runs out.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
-// A port on 127.0.0.1 that nothing listens on at the moment of asking.
+// A port on 127.0.0.1 that nothing listens on at the moment of asking, and
+// an update-description address there that nobody answers.
 std::uint16_t freePort();
+QString unansweredURL();
 
 // A tiny HTTP/1.1 server on 127.0.0.1 serving fixed bodies by path; lives on
 // the GUI thread, which must turn its event loop for it to answer.

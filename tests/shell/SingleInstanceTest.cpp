@@ -37,40 +37,27 @@ TEST(SingleInstanceTest, ASecondClaimAsksTheFirstToShowItsWindow)
     EXPECT_TRUE(SingleInstance(QString::fromStdString((home.path() / "missing/instance.socket").string())).claim());
 }
 
-// The tray application as a desktop session runs it.
-class TrayProcessTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        // The application checks for updates at launch: only where nothing
-        // can leave the machine.
-        if (!ownsNetworkNamespace())
-            GTEST_SKIP() << "needs a private network namespace";
-        m_port = freePort();
-        m_home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
-                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>port</key><integer>"
-                         + std::to_string(m_port) + "</integer><key>trace</key><true/>"
-                         "<key>startOnLogin</key><false/></dict></plist>");
-    }
-
-    // Started with its own runtime folder, so it meets no other instance.
-    void launch(QProcess& process)
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("XDG_RUNTIME_DIR", QString::fromStdString(m_home.path().string()));
-        process.setProcessEnvironment(env);
-        process.start(ZANDREL_TRAY_APP, {"--log-stderr"});
-        ASSERT_TRUE(process.waitForStarted());
-    }
-
-    TempHome m_home;
-    std::uint16_t m_port = 0;
-};
-
-TEST_F(TrayProcessTest, ASecondLaunchLeavesAndSIGTERMQuitsLikeQuit)
+// The tray application as a desktop session runs it, with its own runtime
+// folder so that it meets no other instance.
+TEST(TrayProcessTest, ASecondLaunchLeavesAndSIGTERMQuitsLikeQuit)
 {
+    // The application checks for updates at launch: only where nothing can
+    // leave the machine.
+    if (!ownsNetworkNamespace())
+        GTEST_SKIP() << "needs a private network namespace";
+    TempHome home;
+    const std::uint16_t port = freePort();
+    home.write("Library/Preferences/com.orvantics.ZandrelSync.plist",
+               "<plist version=\"1.0\"><dict><key>port</key><integer>" + std::to_string(port)
+                   + "</integer><key>trace</key><true/><key>startOnLogin</key><false/></dict></plist>");
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_RUNTIME_DIR", QString::fromStdString(home.path().string()));
     QProcess first;
-    launch(first);
+    QProcess second;
+    for (QProcess* process : {&first, &second})
+        process->setProcessEnvironment(env);
+
+    first.start(ZANDREL_TRAY_APP, {"--log-stderr"});
     QByteArray log;
     auto logShows = [&](const QByteArray& line) {
         return waitUntil([&] {
@@ -79,13 +66,12 @@ TEST_F(TrayProcessTest, ASecondLaunchLeavesAndSIGTERMQuitsLikeQuit)
             return log.contains(line);
         }, std::chrono::seconds(20));
     };
-    ASSERT_TRUE(logShows("Server started on port " + QByteArray::number(m_port))) << log.toStdString();
+    ASSERT_TRUE(logShows("Server started on port " + QByteArray::number(port))) << log.toStdString();
     QTcpSocket phone;
-    phone.connectToHost(QHostAddress::LocalHost, m_port);
+    phone.connectToHost(QHostAddress::LocalHost, port);
     ASSERT_TRUE(logShows("Added connection.\n")) << log.toStdString();
 
-    QProcess second;
-    launch(second);
+    second.start(ZANDREL_TRAY_APP, {"--log-stderr"});
     ASSERT_TRUE(second.waitForFinished(10000));
     EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.exitCode(), 0);
