@@ -53,9 +53,8 @@ int main(int argc, char** argv)
 {
     qputenv("QT_QPA_PLATFORM", ZANDREL_TEST_QPA_PLATFORM);
     if (!listingOnly(argc, argv)) {
-        const bool isolated = enterPrivateNetwork();
-        setOwnsNetworkNamespace(isolated);
-        if (!isolated)
+        g_ownsNetworkNamespace = enterPrivateNetwork();
+        if (!g_ownsNetworkNamespace)
             std::fprintf(stderr, "shell tests: no private network namespace could be made; "
                                  "run them inside `unshare -rn` (tests that change addresses skip)\n");
     }

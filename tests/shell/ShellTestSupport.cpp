@@ -1,26 +1,8 @@
 #include "ShellTestSupport.h"
 
-#include <QCoreApplication>
-#include <QEventLoop>
 #include <QTcpSocket>
 #include <QTest>
 #include <QUrl>
-
-namespace {
-
-bool g_ownsNamespace = false;
-
-} // namespace
-
-bool ownsNetworkNamespace()
-{
-    return g_ownsNamespace;
-}
-
-void setOwnsNetworkNamespace(bool owns)
-{
-    g_ownsNamespace = owns;
-}
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
 {
@@ -65,16 +47,6 @@ void LocalHttpServer::serve(const QString& path, const QByteArray& body)
     m_bodies[path] = body;
 }
 
-int LocalHttpServer::hits(const QString& path) const
-{
-    int count = 0;
-    for (const QByteArray& head : m_requests) {
-        const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
-        count += requestLine.size() > 1 && QUrl::fromPercentEncoding(requestLine[1]) == path ? 1 : 0;
-    }
-    return count;
-}
-
 void LocalHttpServer::answer(QTcpSocket* socket)
 {
     QByteArray head = socket->property("head").toByteArray() + socket->readAll();
@@ -84,6 +56,7 @@ void LocalHttpServer::answer(QTcpSocket* socket)
     m_requests.push_back(head);
     const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
     const QString path = requestLine.size() > 1 ? QUrl::fromPercentEncoding(requestLine[1]) : QString();
+    m_paths.push_back(path);
     const bool found = m_bodies.contains(path);
     const QByteArray body = found ? m_bodies.value(path) : QByteArray("Not Found");
     QByteArray reply = found ? "HTTP/1.1 200 OK\r\n" : "HTTP/1.1 404 Not Found\r\n";

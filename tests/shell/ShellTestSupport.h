@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -15,8 +16,8 @@
 
 // Set by the test main when it made the process a network namespace of its
 // own; only then may a test change that namespace's addresses.
-bool ownsNetworkNamespace();
-void setOwnsNetworkNamespace(bool owns);
+inline bool g_ownsNetworkNamespace = false;
+inline bool ownsNetworkNamespace() { return g_ownsNetworkNamespace; }
 
 // Runs the event loop until the condition holds or the time runs out.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5));
@@ -35,9 +36,9 @@ public:
     QString url(const QString& path) const;
     QString root() const;
     void serve(const QString& path, const QByteArray& body);
-    // Request heads as received, in order.
+    // Request heads as received, in order, and how many asked for a path.
     const std::vector<QByteArray>& requests() const { return m_requests; }
-    int hits(const QString& path) const;
+    int hits(const QString& path) const { return static_cast<int>(std::count(m_paths.begin(), m_paths.end(), path)); }
 
 private:
     void answer(class QTcpSocket* socket);
@@ -45,4 +46,5 @@ private:
     QTcpServer m_server;
     QMap<QString, QByteArray> m_bodies;
     std::vector<QByteArray> m_requests;
+    std::vector<QString> m_paths;
 };
