@@ -29,7 +29,7 @@ TEST(Paths, ComponentsFollowTheUsualRulesAndTildeExpandsToHome)
     EXPECT_EQ(Paths::expandTilde("~no-such-user-here/x"), "~no-such-user-here/x");
 }
 
-TEST(Digest, FileDigestsAreLowerAndStringDigestsUpper)
+TEST(Digest, StringDigestsAreUpperFileDigestsLowerAndOfPlainFilesOnly)
 {
     const std::string empty = "d41d8cd98f00b204e9800998ecf8427e";
     EXPECT_EQ(Digest::md5OfString(""), "D41D8CD98F00B204E9800998ECF8427E");
