@@ -151,9 +151,9 @@ TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
 
     s.writePreferences();
     EXPECT_EQ(written(prefsPath()),
-              (Entries{{"basePath", "/home/x/Müsic & more"}, {"hashword", salted("pässword")}, {"lastIP", s.getLastIP()},
-                       {"port", "<integer>-1</integer>"}, {"startOnLogin", "<false/>"}, {"toast", "<false/>"},
-                       {"trace", "<true/>"}, {"verbose", "<true/>"}}));
+              (Entries{{"basePath", "/home/x/Müsic & more"}, {"hashword", salted("pässword")},
+                       {"lastIP", s.getLastIP()}, {"port", "<integer>-1</integer>"}, {"startOnLogin", "<false/>"},
+                       {"toast", "<false/>"}, {"trace", "<true/>"}, {"verbose", "<true/>"}}));
     EXPECT_EQ(Settings(Settings::NoLoginItems{}).getPort(), -1) << "read back as written";
 }
 

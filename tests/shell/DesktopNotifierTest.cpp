@@ -86,7 +86,8 @@ TEST(DesktopNotifierTest, NoticeReachesTheNotificationServiceOnTheSessionBus)
         GTEST_SKIP() << "dbus-run-session could not make a private bus";
     QDBusConnection serviceSide = bus.connect("notification-service");
     NotificationService service;
-    ASSERT_TRUE(serviceSide.registerObject("/org/freedesktop/Notifications", &service, QDBusConnection::ExportAllSlots));
+    ASSERT_TRUE(
+        serviceSide.registerObject("/org/freedesktop/Notifications", &service, QDBusConnection::ExportAllSlots));
     ASSERT_TRUE(serviceSide.registerService("org.freedesktop.Notifications"));
 
     DesktopNotifier notifier(bus.connect("notifier"));
