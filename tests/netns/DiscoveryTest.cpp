@@ -3,6 +3,7 @@
 // port 31415, which is why one host is not enough.
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -41,31 +42,25 @@ protected:
         m_broadcaster->startBroadcasting();
     }
 
-    // Sends the datagram to the query group until something comes back on
-    // the phone's port 31415 (the answering thread may not be listening yet).
-    std::optional<Datagram> queryUntilAnswered(const std::string& payload, const char* from = "0.0.0.0")
+    // Sends the datagram to the query group from the phone's address `from`
+    // until `done` holds: the answering thread may not be listening yet.
+    bool queryUntil(const std::string& payload, const std::function<bool()>& done, const char* from = "0.0.0.0")
     {
         Fd sender = m_hosts.phoneSocket();
         if (!bindReceiver(sender.get(), from, 0))
-            return std::nullopt;
+            return false;
         for (int attempt = 0; attempt < 50; ++attempt) {
             sendDatagram(sender.get(), payload, Broadcaster::kQueryGroup, Broadcaster::kPort);
-            if (auto answer = receive(m_phonePort.get(), 100ms))
-                return answer;
-        }
-        return std::nullopt;
-    }
-
-    // Sends the datagram until the line is logged.
-    bool queryUntilLogged(const std::string& payload, const std::string& line)
-    {
-        Fd sender = m_hosts.phoneSocket();
-        for (int attempt = 0; attempt < 50; ++attempt) {
-            sendDatagram(sender.get(), payload, Broadcaster::kQueryGroup, Broadcaster::kPort);
-            if (m_log.waitFor(line, 100))
+            if (done())
                 return true;
         }
         return false;
+    }
+    std::optional<Datagram> queryUntilAnswered(const std::string& payload, const char* from = "0.0.0.0")
+    {
+        std::optional<Datagram> answer;
+        queryUntil(payload, [&] { return (answer = receive(m_phonePort.get(), 100ms)).has_value(); }, from);
+        return answer;
     }
 
     TwoHosts m_hosts;
@@ -104,9 +99,12 @@ TEST_F(DiscoveryBetweenHosts, OtherDatagramsAreFalseAlarmsInTheSystemLogOnly)
     m_settings->setTrace(false);
     m_log.sink().clear();
     start();
-    ASSERT_TRUE(queryUntilLogged("ZandrelSyncX", "False alarm tier 2 connect of ZandrelSyncX"));
+    auto logged = [&](const std::string& payload, const std::string& line) {
+        return queryUntil(payload, [&] { return m_log.waitFor(line, 100); });
+    };
+    ASSERT_TRUE(logged("ZandrelSyncX", "False alarm tier 2 connect of ZandrelSyncX"));
     // Only the first 12 bytes count.
-    ASSERT_TRUE(queryUntilLogged("Hello, phone here", "False alarm tier 2 connect of Hello, phone"));
+    ASSERT_TRUE(logged("Hello, phone here", "False alarm tier 2 connect of Hello, phone"));
     EXPECT_FALSE(receive(m_phonePort.get(), 200ms)) << "a false alarm was answered";
     for (const auto& line : m_log.lines())
         EXPECT_EQ(line.rfind("False alarm tier 2 connect of ", 0), 0u) << line;
