@@ -17,13 +17,6 @@
 
 namespace {
 
-bool writeFile(const char* path, const std::string& text)
-{
-    std::ofstream file(path);
-    file << text;
-    return static_cast<bool>(file.flush());
-}
-
 // Must run while the process has a single thread.
 bool enterPrivateNetwork()
 {
@@ -32,9 +25,9 @@ bool enterPrivateNetwork()
         const gid_t gid = ::getgid();
         if (::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
             return false;
-        writeFile("/proc/self/setgroups", "deny");
-        writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-        writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+        std::ofstream("/proc/self/gid_map") << "0 " << gid << " 1";
     }
     return std::system("ip link set lo up && ip route add 224.0.0.0/4 dev lo") == 0;
 }
