@@ -1,3 +1,5 @@
+#include "session/FileSystemOps.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -6,19 +8,21 @@
 
 #include <fmt/format.h>
 
+#include "app/UIBridge.h"
 #include "session/DiskPath.h"
 #include "session/FileSystem.h"
-#include "session/SocketServer.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
+#include "wire/SyncException.h"
 
 namespace {
 
 using OptionalPath = std::optional<std::string>;
 
-// The count goes out as 64 bits, but only its low 32 bits, signed, were ever
-// used: 2^32 is 0, and anything at or below 0 reads no items.
+// The count travels as 64 bits, but only its low 32 bits count, signed: 2^32
+// is 0, and anything at or below 0 reads no items (kept: see
+// docs/protocol.md, 32-bit counts).
 std::int32_t batchCount(std::int64_t raw)
 {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(static_cast<std::uint64_t>(raw)));
@@ -82,7 +86,7 @@ Outcome renameOne(const OptionalPath& from, const OptionalPath& to, bool mayChan
 }
 
 // Logs an item's outcome; a skipped item logs nothing.
-Outcome report(Outcome outcome, StreamLogger& log, const std::string& doneLine, const std::string& failedLine)
+Outcome report(Outcome outcome, const UIBridge& log, const std::string& doneLine, const std::string& failedLine)
 {
     if (outcome == Outcome::Done)
         log.logInfo(doneLine);
@@ -95,7 +99,7 @@ Outcome report(Outcome outcome, StreamLogger& log, const std::string& doneLine, 
 // strings and its work; a failed item turns the answer false and the next
 // one goes on.
 template <typename Item>
-void runBatch(StreamIO& io, StreamLogger& log, std::uint8_t code, const std::string& context,
+void runBatch(StreamIO& io, const UIBridge& log, std::uint8_t code, const std::string& context,
     const std::string& countLine, Item&& item)
 {
     std::int32_t count = batchCount(io.readLong(context));
@@ -112,76 +116,84 @@ void runBatch(StreamIO& io, StreamLogger& log, std::uint8_t code, const std::str
 
 using FileSystem::shown;
 
-void SocketServer::createDirectories()
+void FileSystemOps::createDirectories()
 {
     const std::string context = "creating directories";
-    guarded(Command::CreateDirectories, context, [&] {
-        runBatch(m_io, *this, Command::CreateDirectories, context, "Creating directories", [&] {
-            auto path = m_io.readString(context);
-            return report(createOne(DiskPath::of(path, *m_settings), !m_settings->getReadOnly()), *this,
+    guarded(m_ctx.io, Command::CreateDirectories, context, [&] {
+        runBatch(m_ctx.io, m_ctx.bridge, Command::CreateDirectories, context, "Creating directories", [&] {
+            auto path = m_ctx.io.readString(context);
+            return report(createOne(onDisk(path), mayChange()), m_ctx.bridge,
                 fmt::format("Created directory: {}", shown(path)),
                 fmt::format("Could not create directory: {}", shown(path)));
         });
     });
 }
 
-void SocketServer::deleteFiles()
+void FileSystemOps::deleteFiles()
 {
     const std::string context = "deleting files";
-    guarded(Command::DeleteFiles, context, [&] {
-        runBatch(m_io, *this, Command::DeleteFiles, context, "Deleting files", [&] {
-            auto path = m_io.readString(context);
-            return report(deleteFileOne(DiskPath::of(path, *m_settings), !m_settings->getReadOnly()), *this,
-                fmt::format("Deleted file: {}", shown(path)),
-                fmt::format("Could not delete file: {}", shown(path)));
+    guarded(m_ctx.io, Command::DeleteFiles, context, [&] {
+        runBatch(m_ctx.io, m_ctx.bridge, Command::DeleteFiles, context, "Deleting files", [&] {
+            auto path = m_ctx.io.readString(context);
+            return report(deleteFileOne(onDisk(path), mayChange()), m_ctx.bridge,
+                fmt::format("Deleted file: {}", shown(path)), fmt::format("Could not delete file: {}", shown(path)));
         });
     });
 }
 
-void SocketServer::deleteFolders()
+void FileSystemOps::deleteFolders()
 {
     const std::string context = "deleting directories";
-    guarded(Command::DeleteFolders, context, [&] {
-        runBatch(m_io, *this, Command::DeleteFolders, context, "Deleting folders", [&] {
-            auto path = m_io.readString(context);
-            return report(deleteFolderOne(DiskPath::of(path, *m_settings), !m_settings->getReadOnly()), *this,
+    guarded(m_ctx.io, Command::DeleteFolders, context, [&] {
+        runBatch(m_ctx.io, m_ctx.bridge, Command::DeleteFolders, context, "Deleting folders", [&] {
+            auto path = m_ctx.io.readString(context);
+            return report(deleteFolderOne(onDisk(path), mayChange()), m_ctx.bridge,
                 fmt::format("Deleted directory: {}", shown(path)),
                 fmt::format("Could not delete directory: {}", shown(path)));
         });
     });
 }
 
-void SocketServer::renameFiles()
+void FileSystemOps::renameFiles()
 {
     const std::string context = "renaming files";
-    guarded(Command::RenameFiles, context, [&] {
-        runBatch(m_io, *this, Command::RenameFiles, context, "Renaming files", [&] {
-            auto from = m_io.readString(context);
-            auto to = m_io.readString(context);
-            return report(renameOne(DiskPath::of(from, *m_settings), DiskPath::of(to, *m_settings),
-                              !m_settings->getReadOnly()),
-                *this,
+    guarded(m_ctx.io, Command::RenameFiles, context, [&] {
+        runBatch(m_ctx.io, m_ctx.bridge, Command::RenameFiles, context, "Renaming files", [&] {
+            auto from = m_ctx.io.readString(context);
+            auto to = m_ctx.io.readString(context);
+            return report(renameOne(onDisk(from), onDisk(to), mayChange()), m_ctx.bridge,
                 fmt::format("Renamed file '{}' to '{}'", shown(from), shown(to)),
                 fmt::format("Could not rename file '{}' to '{}'", shown(from), shown(to)));
         });
     });
 }
 
-void SocketServer::freeSpace()
+void FileSystemOps::freeSpace()
 {
     const std::string context = "free space";
-    guarded(Command::FreeSpace, context, [&] {
-        auto path = m_io.readString(context);
-        logInfo(fmt::format("Free space for path: {}", shown(path)));
-        auto disk = DiskPath::of(path, *m_settings);
+    guarded(m_ctx.io, Command::FreeSpace, context, [&] {
+        auto path = m_ctx.io.readString(context);
+        m_ctx.bridge.logInfo(fmt::format("Free space for path: {}", shown(path)));
+        auto disk = onDisk(path);
         if (!FileSystem::stateOf(disk).isFolder)
             throw SyncException("PathDoesntExist", fmt::format("Path {} does not exist.", shown(path)));
         auto free = FileSystem::freeBytes(*disk);
         if (!free)
             throw SyncException("AttributesError",
                 fmt::format("Could not retrieve file system attributes for path: {}", *path));
-        m_io.writeDataPacket(Command::FreeSpace, BitHelper::encodeLongLong(*free), context);
+        m_ctx.io.writeDataPacket(Command::FreeSpace, BitHelper::encodeLongLong(*free), context);
         // Gigabytes of 1024^3 bytes, logged only once the phone has its answer.
-        logInfo(fmt::format("Free space: {:.2f} GB", static_cast<double>(*free) / 1024 / 1024 / 1024));
+        m_ctx.bridge.logInfo(
+            fmt::format("Free space: {:.2f} GB", static_cast<double>(*free) / 1024 / 1024 / 1024));
     });
+}
+
+std::optional<std::string> FileSystemOps::onDisk(const std::optional<std::string>& received) const
+{
+    return DiskPath::of(received, m_ctx.settings);
+}
+
+bool FileSystemOps::mayChange() const
+{
+    return !m_ctx.settings.getReadOnly();
 }

@@ -1,4 +1,4 @@
-#include "session/SocketServer.h"
+#include "session/FileTransfer.h"
 
 #include <algorithm>
 #include <atomic>
@@ -86,7 +86,9 @@ public:
     UploadHold& operator=(const UploadHold&) = delete;
 };
 
-// Counts travel as 64 bits but only their low 32 bits count, signed.
+// Counts travel as 64 bits but only their low 32 bits count, signed (kept:
+// see docs/protocol.md, 32-bit counts); progress passes 32-bit values too
+// (kept: see docs/protocol.md, 32-bit progress).
 std::int32_t low32(std::int64_t value)
 {
     return static_cast<std::int32_t>(value);
@@ -155,9 +157,8 @@ private:
 // record, bytes and digest, then the end marker.
 class Download {
 public:
-    // `keepGoing` turns false when the session is told to end.
-    Download(StreamIO& io, const UIBridge& bridge, const Settings& settings, const std::atomic<bool>& keepGoing)
-        : m_io(io), m_bridge(bridge), m_settings(settings), m_keepGoing(keepGoing)
+    explicit Download(const SessionContext& ctx)
+        : m_io(ctx.io), m_bridge(ctx.bridge), m_settings(ctx.settings), m_keepGoing(ctx.answerable)
     {
     }
 
@@ -253,6 +254,7 @@ private:
     StreamIO& m_io;
     const UIBridge& m_bridge;
     const Settings& m_settings;
+    // Turns false when the session is told to end.
     const std::atomic<bool>& m_keepGoing;
     std::vector<std::uint8_t> m_buffer;
 };
@@ -261,10 +263,12 @@ private:
 // partial file, answers them, then receives each file and moves it into place.
 class Upload {
 public:
-    // `keepGoing` turns false when the session is told to end.
-    Upload(StreamIO& io, InputStream& input, const UIBridge& bridge, const Settings& settings,
-        const std::atomic<bool>& keepGoing)
-        : m_io(io), m_input(input), m_bridge(bridge), m_settings(settings), m_keepGoing(keepGoing)
+    explicit Upload(const SessionContext& ctx)
+        : m_io(ctx.io)
+        , m_input(ctx.input)
+        , m_bridge(ctx.bridge)
+        , m_settings(ctx.settings)
+        , m_keepGoing(ctx.answerable)
     {
     }
 
@@ -311,7 +315,8 @@ private:
         file.path = FileSystem::shown(received);
         file.size = m_io.readLong(kUploading);
         file.modified = m_io.readLong(kUploading);
-        // The phone's digest is read and dropped: the answer carries ours.
+        // The phone's digest is read and dropped: the answer carries ours
+        // (kept: see docs/protocol.md, upload digest ignored).
         if (withDigest)
             m_io.readString(kUploading);
         file.offset = file.disk ? PartialFile::resumeOffset(PartialFile::pathFor(*file.disk), file.size) : 0;
@@ -400,7 +405,7 @@ private:
     std::string digestOf(const std::optional<std::string>& disk) const
     {
         return disk ? DigestCache::shared()->digestOf(*disk, std::nullopt, &m_keepGoing)
-                    : SocketServer::getMD5FromFile(std::string());
+                    : Digest::md5OfFile(std::string());
     }
 
     // Bytes already on the connection, after a short wait when there are none
@@ -417,23 +422,22 @@ private:
     }
 
     StreamIO& m_io;
-    InputStream& m_input;
+    const InputStream& m_input;
     const UIBridge& m_bridge;
     const Settings& m_settings;
+    // Turns false when the session is told to end.
     const std::atomic<bool>& m_keepGoing;
     std::vector<std::uint8_t> m_buffer;
 };
 
 } // namespace
 
-void SocketServer::downloadFiles()
+void FileTransfer::downloadFiles()
 {
-    guarded(Command::DownloadFiles, kDownloading, [&] { Download(m_io, *m_uiBridge, *m_settings, m_answerable).run(); });
+    guarded(m_ctx.io, Command::DownloadFiles, kDownloading, [&] { Download(m_ctx).run(); });
 }
 
-void SocketServer::uploadFiles()
+void FileTransfer::uploadFiles()
 {
-    guarded(Command::UploadFiles, kUploading, [&] {
-        Upload(m_io, *m_istream, *m_uiBridge, *m_settings, m_answerable).run();
-    });
+    guarded(m_ctx.io, Command::UploadFiles, kUploading, [&] { Upload(m_ctx).run(); });
 }

@@ -1,20 +1,23 @@
+#include "session/FolderQueries.h"
+
 #include <string>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "app/UIBridge.h"
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
 #include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "session/FolderWalk.h"
-#include "session/SocketServer.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
+#include "wire/SyncException.h"
 
 namespace {
 
@@ -31,7 +34,8 @@ bool skippedByWalk(const std::string& name)
 }
 
 // The folder handlers take the path as sent: "~" is not expanded for their
-// test, so "~/x" names nothing and ends the session with this failure.
+// test, so "~/x" names nothing and ends the session with this failure (kept:
+// see docs/protocol.md, tilde in 18 and 20 only).
 SyncException pathDoesntExist(const std::optional<std::string>& path)
 {
     return SyncException("PathDoesntExist", fmt::format("Path {} does not exist.", FileSystem::shown(path)));
@@ -39,66 +43,68 @@ SyncException pathDoesntExist(const std::optional<std::string>& path)
 
 } // namespace
 
-void SocketServer::defaultPath()
+void FolderQueries::defaultPath()
 {
     const std::string context = "default path";
-    guarded(Command::DefaultPath, context, [&] {
-        std::string path = Paths::expandTilde(m_settings->getBasePath());
-        logInfo(fmt::format("Default path: {}", path));
-        m_io.writeDataPacket(Command::DefaultPath, BitHelper::encodeString(path), context);
+    guarded(m_ctx.io, Command::DefaultPath, context, [&] {
+        std::string path = Paths::expandTilde(m_ctx.settings.getBasePath());
+        m_ctx.bridge.logInfo(fmt::format("Default path: {}", path));
+        m_ctx.io.writeDataPacket(Command::DefaultPath, BitHelper::encodeString(path), context);
     });
 }
 
-void SocketServer::parentFolder()
+void FolderQueries::parentFolder()
 {
     const std::string context = "parent folder";
-    guarded(Command::ParentFolder, context, [&] {
-        auto path = m_io.readString(context);
-        // Text only: the path need not exist, and "~" stays as it is.
+    guarded(m_ctx.io, Command::ParentFolder, context, [&] {
+        auto path = m_ctx.io.readString(context);
+        // Text only: the path need not exist, and "~" stays (kept: see
+        // docs/protocol.md, parent folder from text).
         std::optional<std::string> parent;
         if (path)
             parent = Paths::deletingLastPathComponent(*path);
-        logInfo(fmt::format("Parent folder of '{}' is '{}'.", FileSystem::shown(path), FileSystem::shown(parent)));
-        m_io.writeDataPacket(Command::ParentFolder, BitHelper::encodeString(parent), context);
+        m_ctx.bridge.logInfo(
+            fmt::format("Parent folder of '{}' is '{}'.", FileSystem::shown(path), FileSystem::shown(parent)));
+        m_ctx.io.writeDataPacket(Command::ParentFolder, BitHelper::encodeString(parent), context);
     });
 }
 
-void SocketServer::pathExists()
+void FolderQueries::pathExists()
 {
     const std::string context = "path exists";
-    guarded(Command::PathExists, context, [&] {
-        auto path = m_io.readString(context);
+    guarded(m_ctx.io, Command::PathExists, context, [&] {
+        auto path = m_ctx.io.readString(context);
         if (path)
             path = Paths::expandTilde(*path);
-        bool isFolder = FileSystem::stateOf(DiskPath::of(path, *m_settings)).isFolder;
-        logInfo(fmt::format("Path exists: {}", yesNo(isFolder)));
-        m_io.writeDataPacket(Command::PathExists, BitHelper::encodeBool(isFolder), context);
+        bool isFolder = FileSystem::stateOf(DiskPath::of(path, m_ctx.settings)).isFolder;
+        m_ctx.bridge.logInfo(fmt::format("Path exists: {}", yesNo(isFolder)));
+        m_ctx.io.writeDataPacket(Command::PathExists, BitHelper::encodeBool(isFolder), context);
     });
 }
 
-void SocketServer::folderInfo()
+void FolderQueries::folderInfo()
 {
     const std::string context = "folder information";
-    guarded(Command::FolderInfo, context, [&] {
-        auto path = m_io.readString(context);
-        auto disk = DiskPath::of(path, *m_settings);
+    guarded(m_ctx.io, Command::FolderInfo, context, [&] {
+        auto path = m_ctx.io.readString(context);
+        auto disk = DiskPath::of(path, m_ctx.settings);
         bool isFolder = FileSystem::stateOf(disk).isFolder;
-        logInfo(fmt::format("Folder info: {}", FileSystem::shown(path)));
+        m_ctx.bridge.logInfo(fmt::format("Folder info: {}", FileSystem::shown(path)));
         if (!isFolder)
             throw pathDoesntExist(path);
-        m_io.writeDataPacket(Command::FolderInfo, BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(*disk)),
+        m_ctx.io.writeDataPacket(Command::FolderInfo, BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(*disk)),
             context);
     });
 }
 
-void SocketServer::foldersInFolder()
+void FolderQueries::foldersInFolder()
 {
     const std::string context = "folders in folder";
-    guarded(Command::FoldersInFolder, context, [&] {
-        auto path = m_io.readString(context);
-        auto disk = DiskPath::of(path, *m_settings);
+    guarded(m_ctx.io, Command::FoldersInFolder, context, [&] {
+        auto path = m_ctx.io.readString(context);
+        auto disk = DiskPath::of(path, m_ctx.settings);
         bool isFolder = FileSystem::stateOf(disk).isFolder;
-        logInfo(fmt::format("Folders in folder: {}", FileSystem::shown(path)));
+        m_ctx.bridge.logInfo(fmt::format("Folders in folder: {}", FileSystem::shown(path)));
         if (!isFolder)
             throw pathDoesntExist(path);
         const std::string& folder = *disk;
@@ -108,20 +114,20 @@ void SocketServer::foldersInFolder()
             if (FileSystem::typeOf(child) != FileSystem::ItemType::Directory)
                 continue;
             folders.push_back(DirSyncInfo::initFromPath(child));
-            logInfo(child);
+            m_ctx.bridge.logInfo(child);
         }
-        m_io.writeDataPacket(Command::FoldersInFolder, BitHelper::encodeDirSyncInfoArray(folders), context);
+        m_ctx.io.writeDataPacket(Command::FoldersInFolder, BitHelper::encodeDirSyncInfoArray(folders), context);
     });
 }
 
-void SocketServer::filesInFolder()
+void FolderQueries::filesInFolder()
 {
     const std::string context = "files in folder";
-    guarded(Command::FilesInFolder, context, [&] {
-        auto path = m_io.readString(context);
-        auto disk = DiskPath::of(path, *m_settings);
+    guarded(m_ctx.io, Command::FilesInFolder, context, [&] {
+        auto path = m_ctx.io.readString(context);
+        auto disk = DiskPath::of(path, m_ctx.settings);
         bool isFolder = FileSystem::stateOf(disk).isFolder;
-        logInfo(fmt::format("Files in folder: {}", FileSystem::shown(path)));
+        m_ctx.bridge.logInfo(fmt::format("Files in folder: {}", FileSystem::shown(path)));
         if (!isFolder)
             throw pathDoesntExist(path);
         const std::string& folder = *disk;
@@ -132,50 +138,52 @@ void SocketServer::filesInFolder()
             if (FileSystem::typeOf(child) != FileSystem::ItemType::RegularFile)
                 continue;
             files.push_back(FileSyncInfo::initFromPath(child));
-            logInfo(child);
+            m_ctx.bridge.logInfo(child);
         }
-        m_io.writeDataPacket(Command::FilesInFolder, BitHelper::encodeFileSyncInfoArray(files), context);
+        m_ctx.io.writeDataPacket(Command::FilesInFolder, BitHelper::encodeFileSyncInfoArray(files), context);
     });
 }
 
-void SocketServer::allFilesInFolder()
+void FolderQueries::allFilesInFolder()
 {
     const std::string context = "all files in folder";
-    guarded(Command::AllFilesInFolder, context, [&] {
-        auto path = m_io.readString(context);
-        bool withHash = m_io.readBool(context);
-        logInfo(fmt::format("All files in folder: {}, MD5 = {}", FileSystem::shown(path), yesNo(withHash)));
-        auto disk = DiskPath::of(path, *m_settings);
+    guarded(m_ctx.io, Command::AllFilesInFolder, context, [&] {
+        auto path = m_ctx.io.readString(context);
+        bool withHash = m_ctx.io.readBool(context);
+        m_ctx.bridge.logInfo(
+            fmt::format("All files in folder: {}, MD5 = {}", FileSystem::shown(path), yesNo(withHash)));
+        auto disk = DiskPath::of(path, m_ctx.settings);
         if (!FileSystem::stateOf(disk).isFolder)
             throw pathDoesntExist(path);
-        m_io.writeEmptyHeader(Command::AllFilesInFolder, context);
+        m_ctx.io.writeEmptyHeader(Command::AllFilesInFolder, context);
         // A folder literally named "~..." passed the test above; its records
         // expand the "~" and so name other items than those listed. That
         // oddity keeps the walk by paths; every other tree takes the fast one.
         if (disk->starts_with("~")) {
             recurseFolder(*disk, withHash);
-            m_io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()), context);
+            m_ctx.io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()), context);
             return;
         }
-        FolderWalk::Hooks hooks{
-            [this](const std::string& line) { logInfo(line); }, m_settings->getTrace(), &m_answerable};
-        FolderWalk(m_io, context, std::move(hooks), withHash).run(*disk);
+        FolderWalk::Hooks hooks{[this](const std::string& line) { m_ctx.bridge.logInfo(line); },
+            m_ctx.settings.getTrace(), &m_ctx.answerable};
+        FolderWalk(m_ctx.io, context, std::move(hooks), withHash).run(*disk);
     });
 }
 
-void SocketServer::calculateFileHash()
+void FolderQueries::calculateFileHash()
 {
     // Answers nothing and reads nothing beyond the password: phones send it
-    // and go straight on to their next command.
+    // and go straight on to their next command (kept: see docs/protocol.md,
+    // hash command answers nothing).
 }
 
 // Depth first, pre-order: the folder's record, its files, then each subfolder
 // in turn. Every record goes out as soon as it is built, and only the
 // listings of the folders on the current path are held.
-void SocketServer::recurseFolder(const std::string& path, bool withHash)
+void FolderQueries::recurseFolder(const std::string& path, bool withHash)
 {
     const std::string context = "all files in folder";
-    m_io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(path)), context);
+    m_ctx.io.writeData(BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(path)), context);
     const std::vector<std::string> names = FileSystem::listFolder(path);
 
     for (const auto& name : names) {
@@ -185,13 +193,13 @@ void SocketServer::recurseFolder(const std::string& path, bool withHash)
                 continue;
             FileSyncInfo info = FileSyncInfo::initFromPath(child);
             if (withHash)
-                info.hash = Digest::md5OfFile(child, &m_answerable);
-            m_io.writeData(BitHelper::encodeFileSyncInfo(info), context);
-            logInfo(fmt::format("Found file: {}.", child));
+                info.hash = Digest::md5OfFile(child, &m_ctx.answerable);
+            m_ctx.io.writeData(BitHelper::encodeFileSyncInfo(info), context);
+            m_ctx.bridge.logInfo(fmt::format("Found file: {}.", child));
         } catch (const std::exception& failure) {
             // One bad file does not end the walk; a dead connection surfaces
             // at the next folder record.
-            logInfo(fmt::format("Exception thrown for {}: {} - {}", child, StreamIO::nameOf(failure),
+            m_ctx.bridge.logInfo(fmt::format("Exception thrown for {}: {} - {}", child, StreamIO::nameOf(failure),
                 StreamIO::reasonOf(failure)));
         }
     }

@@ -135,7 +135,7 @@ std::vector<Entry> listFolder(const std::string& path, bool followLink)
         const char* name = d->d_name;
         struct statx stx {};
         // Links, special files and entries gone since the listing are passed
-        // over, as the two passes over names always did.
+        // over: the walk lists plain files and folders, and never follows a link.
         if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0
             && ::statx(fd, name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &stx) == 0
             && (S_ISREG(stx.stx_mode) || S_ISDIR(stx.stx_mode))) {
@@ -293,7 +293,8 @@ void FolderWalk::write(Bytes encoded, const std::string* filePath)
 
 // One write for every record gathered. Should it fail, each file record in
 // it counts as failed (logged, the walk goes on) up to the first folder
-// record, whose failure ends the walk, as it always did.
+// record, whose failure ends the walk: a file's failure is its own, a folder
+// record's is the connection's.
 void FolderWalk::flush()
 {
     if (m_buffer.empty())

@@ -72,6 +72,7 @@ private:
     // paths) or folder records (empty).
     Bytes m_buffer;
     std::vector<std::string> m_marks;
-    // After a failed write, records go out one by one as they always did.
+    // After a failed write, records go out one by one, so that each file
+    // record's failure is logged on its own and a folder record's ends the walk.
     bool m_oneByOne = false;
 };

@@ -45,7 +45,8 @@ public:
     // Everything appended is on disk when this returns (fsync, after the
     // helper's sync); throws std::system_error when the disk refuses.
     void flush();
-    // Sets the modification time; failures are ignored, as they always were.
+    // Sets the modification time; a failure is ignored, like those of the
+    // move into place: the data is kept either way.
     void setModified(std::int64_t seconds);
     // Puts this file at `destination` (replacing a file, or a folder with
     // all it holds) and dates it, provided the partial's name still names

@@ -13,7 +13,7 @@
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
-#include "wire/Digest.h"
+#include "wire/SyncException.h"
 
 namespace {
 
@@ -75,6 +75,9 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
     , m_listener(std::move(listener))
     , m_io(*m_istream, *m_ostream, *this)
     , m_loop(std::move(io))
+    , m_folders(handlerContext())
+    , m_transfers(handlerContext())
+    , m_fileOps(handlerContext())
 {
     m_keepRunning = true;
     auto onEvent = [this](int event) { streamEvent(event); };
@@ -83,6 +86,11 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
 }
 
 SocketServer::~SocketServer() = default;
+
+SessionContext SocketServer::handlerContext()
+{
+    return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable};
+}
 
 int SocketServer::liveSessions()
 {
@@ -95,10 +103,6 @@ bool SocketServer::waitForAllSessions(std::chrono::milliseconds timeout)
     std::unique_lock lock(g_liveMutex);
     return g_liveChanged.wait_for(lock, timeout, [] { return g_live == 0; });
 }
-
-std::string SocketServer::getMD5FromFile(const std::string& path) { return Digest::md5OfFile(path); }
-
-std::string SocketServer::getMD5FromString(const std::string& text) { return Digest::md5OfString(text); }
 
 void SocketServer::shutdown()
 {
@@ -194,14 +198,16 @@ void SocketServer::verifyPassword(std::uint8_t code)
         // quoted in a log line that nobody will see.
         const auto received = m_io.readString("verifying password");
         const bool logging = m_uiBridge->logging();
-        // Absent (invalid UTF-8) prints as the missing value always has.
+        // Absent (not UTF-8) prints as "(null)" (kept: see docs/protocol.md,
+        // text that is not UTF-8).
         auto shown = [&]() -> std::string_view { return received ? std::string_view(*received) : "(null)"; };
         if (logging)
             logInfo(fmt::format("Received password: {}", shown()));
         if (code == Command::IdentifyHost && !m_settings->getStrictIdentify()) {
-            // Identify authenticates whatever password it carries, unless
-            // the user asked for strict identify: it then passes the same
-            // rule as every other command (and is still answered).
+            // Identify authenticates whatever password it carries (kept: see
+            // docs/protocol.md, identify rule), unless the user asked for
+            // strict identify: it then passes the same rule as every other
+            // command (and is still answered).
             m_authenticated = true;
             return;
         }
@@ -234,21 +240,21 @@ void SocketServer::dispatch(std::uint8_t code)
     switch (code) {
     case Command::IdentifyHost: identifyHost(); break;
     case Command::StartSync: startSync(); break;
-    case Command::DefaultPath: defaultPath(); break;
-    case Command::ParentFolder: parentFolder(); break;
-    case Command::PathExists: pathExists(); break;
-    case Command::FolderInfo: folderInfo(); break;
-    case Command::FoldersInFolder: foldersInFolder(); break;
-    case Command::FilesInFolder: filesInFolder(); break;
-    case Command::AllFilesInFolder: allFilesInFolder(); break;
-    case Command::CalculateFileHash: calculateFileHash(); break;
-    case Command::DownloadFiles: downloadFiles(); break;
-    case Command::UploadFiles: uploadFiles(); break;
-    case Command::CreateDirectories: createDirectories(); break;
-    case Command::DeleteFiles: deleteFiles(); break;
-    case Command::DeleteFolders: deleteFolders(); break;
-    case Command::RenameFiles: renameFiles(); break;
-    case Command::FreeSpace: freeSpace(); break;
+    case Command::DefaultPath: m_folders.defaultPath(); break;
+    case Command::ParentFolder: m_folders.parentFolder(); break;
+    case Command::PathExists: m_folders.pathExists(); break;
+    case Command::FolderInfo: m_folders.folderInfo(); break;
+    case Command::FoldersInFolder: m_folders.foldersInFolder(); break;
+    case Command::FilesInFolder: m_folders.filesInFolder(); break;
+    case Command::AllFilesInFolder: m_folders.allFilesInFolder(); break;
+    case Command::CalculateFileHash: m_folders.calculateFileHash(); break;
+    case Command::DownloadFiles: m_transfers.downloadFiles(); break;
+    case Command::UploadFiles: m_transfers.uploadFiles(); break;
+    case Command::CreateDirectories: m_fileOps.createDirectories(); break;
+    case Command::DeleteFiles: m_fileOps.deleteFiles(); break;
+    case Command::DeleteFolders: m_fileOps.deleteFolders(); break;
+    case Command::RenameFiles: m_fileOps.renameFiles(); break;
+    case Command::FreeSpace: m_fileOps.freeSpace(); break;
     case Command::FinishSync: finishSync(); break;
     default: invalidCommand(); break;
     }
@@ -257,7 +263,7 @@ void SocketServer::dispatch(std::uint8_t code)
 void SocketServer::identifyHost()
 {
     const std::string context = "identifying host";
-    guarded(Command::IdentifyHost, context, [&] {
+    guarded(m_io, Command::IdentifyHost, context, [&] {
         auto identifier = m_settings->getIdentifier();
         logInfo(fmt::format("Identifying host: {}", identifier));
         m_io.writeDataPacket(Command::IdentifyHost, BitHelper::encodeString(std::string_view(identifier)), context);
@@ -267,7 +273,7 @@ void SocketServer::identifyHost()
 void SocketServer::startSync()
 {
     const std::string context = "starting sync";
-    guarded(Command::StartSync, context, [&] {
+    guarded(m_io, Command::StartSync, context, [&] {
         logInfo("Starting sync.");
         m_io.writeDataPacket(Command::StartSync, BitHelper::encodeBool(true), context);
     });
@@ -276,7 +282,7 @@ void SocketServer::startSync()
 void SocketServer::finishSync()
 {
     const std::string context = "finishing sync";
-    guarded(Command::FinishSync, context, [&] {
+    guarded(m_io, Command::FinishSync, context, [&] {
         logInfo("Finished sync.");
         m_io.writeDataPacket(Command::FinishSync, BitHelper::encodeBool(true), context);
     });
@@ -285,9 +291,10 @@ void SocketServer::finishSync()
 void SocketServer::invalidCommand()
 {
     // The rest of an unknown command's payload is not skipped: it is read
-    // as the next command, as phones have always seen it.
+    // as the next command (kept: see docs/protocol.md, unknown command's
+    // payload).
     const std::string context = "invalid";
-    guarded(Command::Invalid, context, [&] {
+    guarded(m_io, Command::Invalid, context, [&] {
         logInfo("Invalid command.");
         m_io.writeEmptyHeader(Command::Invalid, context);
     });

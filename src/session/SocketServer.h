@@ -11,6 +11,9 @@
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "session/FileSystemOps.h"
+#include "session/FileTransfer.h"
+#include "session/FolderQueries.h"
 #include "wire/SocketStreams.h"
 #include "wire/StreamIO.h"
 
@@ -52,10 +55,6 @@ public:
     // the command in progress. Callable from any thread.
     void shutdown();
 
-    // Digest texts: lower case for files, upper case for strings.
-    static std::string getMD5FromFile(const std::string& path);
-    static std::string getMD5FromString(const std::string& text);
-
     // Sessions whose thread has not finished yet, process-wide.
     static int liveSessions();
     // Waits until every session thread has finished, or the time runs out.
@@ -79,31 +78,7 @@ private:
     void releaseLargeBuffers();
     void killTime();
     void streamEvent(int event);
-
-    // Folder queries.
-    void defaultPath();
-    void parentFolder();
-    void pathExists();
-    void folderInfo();
-    void foldersInFolder();
-    void filesInFolder();
-    void allFilesInFolder();
-    void calculateFileHash();
-    void recurseFolder(const std::string& path, bool withHash);
-    // Transfers.
-    void downloadFiles();
-    void uploadFiles();
-    // File-system operations.
-    void createDirectories();
-    void deleteFiles();
-    void deleteFolders();
-    void renameFiles();
-    void freeSpace();
-
-    // Runs one handler's body inside the failure pattern every handler
-    // shares: answer with an error packet under `code`, then rethrow.
-    template <typename Body>
-    void guarded(std::uint8_t code, const std::string& context, Body&& body);
+    SessionContext handlerContext();
 
     // StreamLogger
     void logInfo(const std::string& message) override;
@@ -128,17 +103,10 @@ private:
     // will read what the work under way would answer, so long digests stop.
     std::atomic<bool> m_answerable{true};
     bool m_authenticated = false;
+
+    // The command handlers, each given the context above.
+    FolderQueries m_folders;
+    FileTransfer m_transfers;
+    FileSystemOps m_fileOps;
 };
 
-#include "wire/SyncException.h"
-
-template <typename Body>
-void SocketServer::guarded(std::uint8_t code, const std::string& context, Body&& body)
-{
-    try {
-        body();
-    } catch (const std::exception& failure) {
-        m_io.writeErrorPacket(code, failure, context);
-        throw;
-    }
-}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "wire/StreamIO.h"
+
+class InputStream;
+class Settings;
+class UIBridge;
+
+// What a session lends its command handlers: the byte layer, the
+// connection's input (an upload waits on it), the shared settings and
+// bridge, and the flag that turns false once nobody will read an answer
+// (stop, the lifetime timer), which cuts long digests short. All of it
+// belongs to the session and outlives its handlers; used on the session
+// thread only.
+struct SessionContext {
+    StreamIO& io;
+    const InputStream& input;
+    const Settings& settings;
+    const UIBridge& bridge;
+    const std::atomic<bool>& answerable;
+};
+
+// Runs one handler's body inside the failure pattern every handler shares:
+// answer with an error packet under `code`, then rethrow, so that the
+// session loop logs the failure and ends the session.
+template <typename Body>
+void guarded(StreamIO& io, std::uint8_t code, const std::string& context, Body&& body)
+{
+    try {
+        body();
+    } catch (const std::exception& failure) {
+        io.writeErrorPacket(code, failure, context);
+        throw;
+    }
+}
