@@ -313,7 +313,7 @@ Bytes StreamIO::emptyHeader(std::uint8_t code)
 {
     Bytes packet{code, 0x00};
     packet += BitHelper::encodeLongLong(0);
-    // Always 1, whatever follows: phones expect exactly this.
+    // Always 1, whatever follows (kept: see docs/protocol.md, empty header).
     packet += BitHelper::encodeLongLong(1);
     return packet;
 }
@@ -350,31 +350,4 @@ void StreamIO::writeEmptyHeader(std::uint8_t code, const std::string& context)
 {
     auto packet = emptyHeader(code);
     writeBytes(packet.data(), static_cast<std::int64_t>(packet.size()), context);
-}
-
-void StreamIO::writeToSocket(bool value, const std::string& context)
-{
-    writeLength(1, context);
-    auto b = BitHelper::encodeBool(value);
-    writeBytes(b.data(), 1, context);
-}
-
-void StreamIO::writeToSocket(std::uint8_t code, const Bytes& data, const std::string& context)
-{
-    writeBytes(&code, 1, context);
-    writeLength(static_cast<std::int64_t>(data.size()), context);
-    writeBytes(data.data(), static_cast<std::int64_t>(data.size()), context);
-}
-
-void StreamIO::writeToSocket(std::uint8_t code, const std::optional<std::string>& text, const std::string& context)
-{
-    writeBytes(&code, 1, context);
-    auto s = BitHelper::encodeString(text);
-    writeBytes(s.data(), static_cast<std::int64_t>(s.size()), context);
-}
-
-void StreamIO::writeLength(std::int64_t value, const std::string& context)
-{
-    auto b = BitHelper::encodeLongLong(value);
-    writeBytes(b.data(), 8, context);
 }

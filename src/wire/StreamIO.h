@@ -45,13 +45,6 @@ public:
     void writeDataPacket(std::uint8_t code, const Bytes& data, const std::string& context);
     void writeErrorPacket(std::uint8_t code, const std::exception& failure, const std::string& context);
     void writeEmptyHeader(std::uint8_t code, const std::string& context);
-    // 8-byte length 1, then the boolean.
-    void writeToSocket(bool value, const std::string& context);
-    // Code byte, 8-byte length, data.
-    void writeToSocket(std::uint8_t code, const Bytes& data, const std::string& context);
-    // Code byte, then the string as length and bytes.
-    void writeToSocket(std::uint8_t code, const std::optional<std::string>& text, const std::string& context);
-    void writeLength(std::int64_t value, const std::string& context);
 
     // Packet images, for tests and for the writers above.
     static Bytes dataPacket(std::uint8_t code, const Bytes& data);
