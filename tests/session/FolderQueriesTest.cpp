@@ -1,17 +1,13 @@
-#include <algorithm>
 #include <filesystem>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "SessionTestHelpers.h"
+#include "HandlerFixture.h"
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
-#include "support/LoopbackServer.h"
 
 namespace fs = std::filesystem;
 using namespace SessionTest;
@@ -20,11 +16,6 @@ namespace {
 
 const std::string kHelloMd5 = "5d41402abc4b2a76b9719d911017c592";
 const std::string kEmptyMd5 = "d41d8cd98f00b204e9800998ecf8427e";
-
-bool skippedByWalk(const std::string& name)
-{
-    return name == ".DS_Store" || name.ends_with(".zandrel");
-}
 
 // Entry names in the order the platform lists them, read independently of
 // the server.
@@ -37,239 +28,177 @@ std::vector<std::string> listing(const std::string& folder, fs::file_type type)
     return names;
 }
 
-// Record bytes with their 8-byte length, and the full name that leads them.
-struct Record {
-    Bytes bytes;
-    std::string fullName;
-};
-
-Record record(Bytes bytes)
+// The full names that lead records, for a readable account of their order.
+std::vector<std::string> namesOf(const std::vector<Bytes>& records)
 {
-    std::int32_t index = 8;
-    auto name = BitHelper::decodeString(bytes, index);
-    return {std::move(bytes), name.value_or("")};
+    std::vector<std::string> names;
+    for (const auto& record : records) {
+        std::int32_t index = 8;
+        names.push_back(BitHelper::decodeString(record, index).value_or(""));
+    }
+    return names;
 }
 
-class FolderQueries : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        m_client = m_server.connect();
-        m_client->setTimeout(std::chrono::seconds(5));
-        m_root = (m_server.home().path() / "tree").string();
-    }
+using Query = void (FolderQueries::*)();
 
-    SyncClient& client() { return *m_client; }
-    CapturedLog& log() { return m_server.log(); }
-    std::string home() { return m_server.home().path().string(); }
+class FolderQueriesTest : public HandlerTest {
+protected:
+    SyncClient& phone() { return session->phone; }
+    std::string m_root = at("tree").string();
 
     // Every file holds "hello" or nothing, so its digest is known.
     void makeTree()
     {
         for (const char* name : {"a.txt", ".DS_Store", "part.zandrel", "sub1/x.txt", "sub1/deeper/y.txt",
                  ".hid/z.txt", "sub1/.DS_Store"})
-            m_server.home().write(std::string("tree/") + name, "hello");
-        m_server.home().write("tree/empty.bin", "");
+            home.write(std::string("tree/") + name, "hello");
+        home.write("tree/empty.bin", "");
         fs::create_directories(m_root + "/sub2");
         fs::create_directory_symlink(m_root + "/sub1", m_root + "/link-to-sub1");
         fs::create_symlink(m_root + "/a.txt", m_root + "/link-to-file");
     }
 
-    // The walk as a phone must see it: the folder, its files, then each
-    // subfolder in turn.
-    void expectedWalk(const std::string& folder, bool withHash, std::vector<Record>& out)
+    // The walk as a phone must see it: the folder, its files but our
+    // partials and .DS_Store, then each subfolder in turn.
+    void expectedWalk(const std::string& folder, bool withHash, std::vector<Bytes>& out)
     {
-        out.push_back(record(BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(folder))));
+        out.push_back(BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(folder)));
         for (const auto& name : listing(folder, fs::file_type::regular)) {
-            if (skippedByWalk(name))
+            if (name == ".DS_Store" || name.ends_with(".zandrel"))
                 continue;
-            std::string child = folder + "/" + name;
-            FileSyncInfo info = FileSyncInfo::initFromPath(child);
+            FileSyncInfo info = FileSyncInfo::initFromPath(folder + "/" + name);
             if (withHash)
-                info.hash = fs::file_size(child) == 0 ? kEmptyMd5 : kHelloMd5;
-            out.push_back(record(BitHelper::encodeFileSyncInfo(info)));
+                info.hash = info.size == 0 ? kEmptyMd5 : kHelloMd5;
+            out.push_back(BitHelper::encodeFileSyncInfo(info));
         }
         for (const auto& name : listing(folder, fs::file_type::directory))
             expectedWalk(folder + "/" + name, withHash, out);
     }
 
-    // Reads the empty header and the records up to the 62-byte end marker.
-    std::vector<Record> readWalk()
-    {
-        expectNext(client(), StreamIO::emptyHeader(Command::AllFilesInFolder));
-        std::vector<Record> records;
-        for (int guard = 0; guard < 1000; ++guard) {
-            std::int64_t length = client().readLong();
-            Bytes bytes = BitHelper::encodeLongLong(length);
-            bytes += client().readExact(static_cast<std::size_t>(length));
-            if (bytes == BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()))
-                return records;
-            records.push_back(record(std::move(bytes)));
-        }
-        ADD_FAILURE() << "no end marker";
-        return records;
-    }
-
+    // The walk of the tree, compared record by record up to the end marker.
     void checkWalk(bool withHash)
     {
-        makeTree();
-        client().sendCommand(Command::AllFilesInFolder, join({text(m_root), flag(withHash)}));
-        std::vector<Record> got = readWalk();
-        std::vector<Record> want;
+        session->start([this] { session->folders.allFilesInFolder(); }, join({text(m_root), flag(withHash)}));
+        expectNext(phone(), StreamIO::emptyHeader(Command::AllFilesInFolder));
+        std::vector<Bytes> got;
+        for (int guard = 0; guard < 1000; ++guard) {
+            std::int64_t length = phone().readLong();
+            got.push_back(join({number(length), phone().readExact(static_cast<std::size_t>(length))}));
+            if (got.back() == BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()))
+                break;
+        }
+        session->expectAnswered();
+        std::vector<Bytes> want;
         expectedWalk(m_root, withHash, want);
-
-        auto names = [](const std::vector<Record>& records) {
-            std::vector<std::string> out;
-            for (const auto& r : records)
-                out.push_back(r.fullName);
-            return out;
-        };
-        ASSERT_EQ(names(got), names(want));
+        want.push_back(BitHelper::encodeDirSyncInfo(DirSyncInfo::finish()));
+        ASSERT_EQ(namesOf(got), namesOf(want));
         for (std::size_t i = 0; i < got.size(); ++i)
-            EXPECT_EQ(got[i].bytes, want[i].bytes) << want[i].fullName;
-        expectSessionAlive(client());
-
-        EXPECT_TRUE(log().contains(
-            std::string("All files in folder: ") + m_root + ", MD5 = " + (withHash ? "YES" : "NO")));
-        EXPECT_TRUE(log().contains("Found file: " + m_root + "/sub1/deeper/y.txt."));
-        EXPECT_FALSE(log().contains("Found file: " + m_root + "/.DS_Store."));
-        EXPECT_FALSE(log().contains("Found file: " + m_root + "/link-to-file."));
+            EXPECT_EQ(got[i], want[i]) << namesOf(want)[i];
+        EXPECT_TRUE(log.contains("All files in folder: " + m_root + ", MD5 = " + (withHash ? "YES" : "NO")));
+        EXPECT_TRUE(log.contains("Found file: " + m_root + "/sub1/deeper/y.txt."));
+        EXPECT_FALSE(log.contains("Found file: " + m_root + "/.DS_Store."));
+        EXPECT_FALSE(log.contains("Found file: " + m_root + "/link-to-file."));
     }
 
-    LoopbackServer m_server;
-    std::unique_ptr<SyncClient> m_client;
-    std::string m_root;
+    // Runs one query and expects exactly `answer` as its data packet.
+    void expectQuery(Query query, std::uint8_t code, const Bytes& fields, const Bytes& answer)
+    {
+        session->start([this, query] { (session->folders.*query)(); }, fields);
+        expectDataPacket(phone(), code, answer);
+        session->expectAnswered();
+    }
 };
 
-TEST_F(FolderQueries, ParentFolderIsWorkedOutFromTheTextAlone)
-{
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"/no/such/place/b/", "/no/such/place"}, {"~/missing/file", "~/missing"}, {"/", "/"}, {"plain", ""}};
-    for (const auto& [path, parent] : cases) {
-        client().sendCommand(Command::ParentFolder, text(path));
-        expectDataPacket(client(), Command::ParentFolder, text(parent));
-    }
-    EXPECT_TRUE(log().contains("Parent folder of '/no/such/place/b/' is '/no/such/place'."));
-    EXPECT_TRUE(log().contains("Parent folder of 'plain' is ''."));
-}
-
-TEST_F(FolderQueries, PathExistsExpandsTildeAndAnswersForFoldersOnly)
+// Only the default path and path exists expand "~"; the parent is text.
+// calculateFileHash reads and answers nothing.
+TEST_F(FolderQueriesTest, SmallQueriesExpandTildeOnlyWherePhonesExpectIt)
 {
     makeTree();
-    const std::vector<std::pair<std::string, bool>> cases = {{"~", true}, {"~/tree/sub1", true},
-        {m_root + "/link-to-sub1", true}, {m_root + "/a.txt", false}, {m_root + "/missing", false}};
-    for (const auto& [path, answer] : cases) {
-        client().sendCommand(Command::PathExists, text(path));
-        expectDataPacket(client(), Command::PathExists, flag(answer));
-    }
-    EXPECT_TRUE(log().contains("Path exists: YES"));
-    EXPECT_TRUE(log().contains("Path exists: NO"));
+    settings->setBasePath("~/Music");
+    expectQuery(&FolderQueries::defaultPath, Command::DefaultPath, {}, text(home.path().string() + "/Music"));
+    expectQuery(&FolderQueries::parentFolder, Command::ParentFolder, text("~/missing/file"), text("~/missing"));
+    for (const auto& [path, answer] : std::vector<std::pair<std::string, bool>>{{"~", true}, {"~/tree/sub1", true},
+             {m_root + "/link-to-sub1", true}, {m_root + "/a.txt", false}, {m_root + "/missing", false}})
+        expectQuery(&FolderQueries::pathExists, Command::PathExists, text(path), flag(answer));
+    session->start([this] { session->folders.calculateFileHash(); });
+    session->expectAnswered();
+    for (const auto& line : {"Default path: " + home.path().string() + "/Music", std::string("Path exists: NO"),
+             std::string("Parent folder of '~/missing/file' is '~/missing'."), std::string("Path exists: YES")})
+        EXPECT_TRUE(log.contains(line)) << line;
 }
 
-TEST_F(FolderQueries, FolderInfoAnswersTheFolderRecord)
+TEST_F(FolderQueriesTest, FolderInfoAndFoldersInFolderDescribeRealFoldersOnly)
 {
     makeTree();
-    client().sendCommand(Command::FolderInfo, text(m_root));
-    expectDataPacket(client(), Command::FolderInfo, BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(m_root)));
-    EXPECT_TRUE(log().contains("Folder info: " + m_root));
+    expectQuery(&FolderQueries::folderInfo, Command::FolderInfo, text(m_root),
+        BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(m_root)));
+    EXPECT_TRUE(log.contains("Folder info: " + m_root));
 
-    // A plain file is no folder: the error ends the session.
-    client().sendCommand(Command::FolderInfo, text(m_root + "/a.txt"));
-    expectSessionEndsWith(client(), Command::FolderInfo, "Path " + m_root + "/a.txt does not exist.");
-}
-
-TEST_F(FolderQueries, FoldersInFolderListsRealFoldersInPlatformOrder)
-{
-    makeTree();
-    client().sendCommand(Command::FoldersInFolder, text(m_root));
     std::vector<DirSyncInfo> want;
     for (const auto& name : listing(m_root, fs::file_type::directory))
         want.push_back(DirSyncInfo::initFromPath(m_root + "/" + name));
     ASSERT_EQ(want.size(), 3u); // sub1, sub2 and the hidden one; not the link
-    expectDataPacket(client(), Command::FoldersInFolder, BitHelper::encodeDirSyncInfoArray(want));
-    EXPECT_TRUE(log().contains("Folders in folder: " + m_root));
-    EXPECT_TRUE(log().contains(m_root + "/.hid"));
-    expectSessionAlive(client());
+    expectQuery(&FolderQueries::foldersInFolder, Command::FoldersInFolder, text(m_root),
+        BitHelper::encodeDirSyncInfoArray(want));
+    EXPECT_TRUE(log.contains("Folders in folder: " + m_root));
+    EXPECT_TRUE(log.contains(m_root + "/.hid"));
+
+    // A plain file is no folder: the error ends the session.
+    session->start([this] { session->folders.folderInfo(); }, text(m_root + "/a.txt"));
+    session->expectFailure(Command::FolderInfo, "Path " + m_root + "/a.txt does not exist.");
 }
 
-TEST_F(FolderQueries, FilesInFolderListsEveryRegularFileSkipNamesIncluded)
+TEST_F(FolderQueriesTest, FilesInFolderListsEveryRegularFileSkipNamesIncluded)
 {
     makeTree();
     // A folder sent with a trailing "/" still gets "/" and the name appended.
     const std::string sent = m_root + "/";
-    client().sendCommand(Command::FilesInFolder, text(sent));
     std::vector<FileSyncInfo> want;
     for (const auto& name : listing(m_root, fs::file_type::regular))
         want.push_back(FileSyncInfo::initFromPath(sent + "/" + name));
     ASSERT_EQ(want.size(), 4u); // a.txt, .DS_Store, part.zandrel, empty.bin
-    expectDataPacket(client(), Command::FilesInFolder, BitHelper::encodeFileSyncInfoArray(want));
-    EXPECT_TRUE(log().contains("Files in folder: " + sent));
-    EXPECT_TRUE(log().contains(sent + "/part.zandrel"));
-
-    client().sendCommand(Command::FilesInFolder, text(m_root + "/sub2"));
-    expectDataPacket(client(), Command::FilesInFolder, number(0));
+    expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(sent),
+        BitHelper::encodeFileSyncInfoArray(want));
+    EXPECT_TRUE(log.contains("Files in folder: " + sent));
+    EXPECT_TRUE(log.contains(sent + "/part.zandrel"));
+    expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(m_root + "/sub2"), number(0));
 }
 
-TEST_F(FolderQueries, WalkWithoutDigests)
+TEST_F(FolderQueriesTest, WalksStreamTheTreeInWalkOrder)
 {
+    makeTree();
     checkWalk(false);
-}
-
-TEST_F(FolderQueries, WalkWithDigests)
-{
     checkWalk(true);
 }
 
 // More files than are digested ahead still come in walk order, and a damaged
 // digest cache costs one log line, not the walk.
-TEST_F(FolderQueries, WalkWithDigestsOfManyFilesOverADamagedCache)
+TEST_F(FolderQueriesTest, WalkWithDigestsOfManyFilesOverADamagedCache)
 {
-    m_server.home().write(".cache/zandrel/digests.sqlite", std::string(4096, 'x'));
+    home.write(".cache/zandrel/digests.sqlite", std::string(4096, 'x'));
+    makeTree();
     for (int i = 0; i < 150; ++i)
-        m_server.home().write("tree/many/f" + std::to_string(i) + ".txt", i % 3 ? "hello" : "");
+        home.write("tree/many/f" + std::to_string(i) + ".txt", i % 3 ? "hello" : "");
     checkWalk(true);
-    EXPECT_TRUE(log().contains("Digest cache " + home() + "/.cache/zandrel/digests.sqlite was damaged and has been "
-                               "rebuilt."));
-}
-
-TEST_F(FolderQueries, WalkOfAnEmptyFolderIsItsRecordAndTheEndMarker)
-{
-    fs::create_directories(m_root);
-    client().sendCommand(Command::AllFilesInFolder, join({text(m_root), flag(true)}));
-    // The end marker: length 54, then a body of empty strings and zeros.
-    expectNext(client(), join({StreamIO::emptyHeader(Command::AllFilesInFolder),
-                             BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(m_root)), number(54),
-                             Bytes(54, 0)}));
-    expectSessionAlive(client());
-}
-
-TEST_F(FolderQueries, CalculateFileHashAnswersNothingAndDefaultPathIsExpanded)
-{
-    m_server.settings().setBasePath("~/Music");
-    client().sendCommand(Command::CalculateFileHash);
-    client().sendCommand(Command::DefaultPath);
-    expectDataPacket(client(), Command::DefaultPath, text(home() + "/Music"));
-    EXPECT_TRUE(log().contains("Default path: " + home() + "/Music"));
-    EXPECT_FALSE(log().contains("Invalid command."));
+    EXPECT_TRUE(log.contains("Digest cache " + home.path().string() +
+                             "/.cache/zandrel/digests.sqlite was damaged and has been rebuilt."));
 }
 
 // The folder handlers take "~" literally, so even an existing home folder
 // is missing to them, and the failure ends the session.
-class TildePaths : public FolderQueries, public ::testing::WithParamInterface<std::uint8_t> {};
-
-TEST_P(TildePaths, FailWithPathDoesntExistAndEndTheSession)
+TEST_F(FolderQueriesTest, TildePathsFailWithPathDoesntExist)
 {
     fs::create_directories(m_root);
-    Bytes fields = text("~/tree");
-    if (GetParam() == Command::AllFilesInFolder)
-        fields += flag(false);
-    client().sendCommand(GetParam(), fields);
-    expectSessionEndsWith(client(), GetParam(), "Path ~/tree does not exist.");
-    EXPECT_TRUE(log().waitFor("Exception in run loop: Path ~/tree does not exist."));
+    const std::pair<Query, std::uint8_t> queries[] = {{&FolderQueries::folderInfo, Command::FolderInfo},
+        {&FolderQueries::foldersInFolder, Command::FoldersInFolder},
+        {&FolderQueries::filesInFolder, Command::FilesInFolder},
+        {&FolderQueries::allFilesInFolder, Command::AllFilesInFolder}};
+    for (const auto& [query, code] : queries) {
+        auto s = newSession();
+        s->start([&s, query] { (s->folders.*query)(); },
+            code == Command::AllFilesInFolder ? join({text("~/tree"), flag(false)}) : text("~/tree"));
+        s->expectFailure(code, "Path ~/tree does not exist.");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(FolderHandlers, TildePaths,
-    ::testing::Values(Command::FolderInfo, Command::FoldersInFolder, Command::FilesInFolder,
-        Command::AllFilesInFolder));
 
 } // namespace
