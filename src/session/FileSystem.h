@@ -42,8 +42,8 @@ bool moveWithoutReplacing(const std::string& from, const std::string& to);
 // Bytes available to this process on the file system holding the path.
 std::optional<std::int64_t> freeBytes(const std::string& path);
 
-// An absent string as log lines show it, "(null)" (kept: see
-// docs/protocol.md, text that is not UTF-8).
+// An absent string as log lines show it, "(null)".
+// kept: see docs/protocol.md (text that is not UTF-8)
 std::string shown(const std::optional<std::string>& text);
 
 } // namespace FileSystem

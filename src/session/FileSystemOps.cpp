@@ -21,8 +21,8 @@ namespace {
 using OptionalPath = std::optional<std::string>;
 
 // The count travels as 64 bits, but only its low 32 bits count, signed: 2^32
-// is 0, and anything at or below 0 reads no items (kept: see
-// docs/protocol.md, 32-bit counts).
+// is 0, and anything at or below 0 reads no items.
+// kept: see docs/protocol.md (32-bit counts)
 std::int32_t batchCount(std::int64_t raw)
 {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(static_cast<std::uint64_t>(raw)));

@@ -86,9 +86,9 @@ public:
     UploadHold& operator=(const UploadHold&) = delete;
 };
 
-// Counts travel as 64 bits but only their low 32 bits count, signed (kept:
-// see docs/protocol.md, 32-bit counts); progress passes 32-bit values too
-// (kept: see docs/protocol.md, 32-bit progress).
+// Counts travel as 64 bits but only their low 32 bits count, signed, and
+// progress passes 32-bit values too.
+// kept: see docs/protocol.md (32-bit counts, 32-bit progress)
 std::int32_t low32(std::int64_t value)
 {
     return static_cast<std::int32_t>(value);
@@ -315,8 +315,8 @@ private:
         file.path = FileSystem::shown(received);
         file.size = m_io.readLong(kUploading);
         file.modified = m_io.readLong(kUploading);
-        // The phone's digest is read and dropped: the answer carries ours
-        // (kept: see docs/protocol.md, upload digest ignored).
+        // The phone's digest is read and dropped: the answer carries ours.
+        // kept: see docs/protocol.md (upload digest ignored)
         if (withDigest)
             m_io.readString(kUploading);
         file.offset = file.disk ? PartialFile::resumeOffset(PartialFile::pathFor(*file.disk), file.size) : 0;

@@ -34,8 +34,8 @@ bool skippedByWalk(const std::string& name)
 }
 
 // The folder handlers take the path as sent: "~" is not expanded for their
-// test, so "~/x" names nothing and ends the session with this failure (kept:
-// see docs/protocol.md, tilde in 18 and 20 only).
+// test, so "~/x" names nothing and ends the session with this failure.
+// kept: see docs/protocol.md (tilde in 18 and 20 only)
 SyncException pathDoesntExist(const std::optional<std::string>& path)
 {
     return SyncException("PathDoesntExist", fmt::format("Path {} does not exist.", FileSystem::shown(path)));
@@ -58,8 +58,8 @@ void FolderQueries::parentFolder()
     const std::string context = "parent folder";
     guarded(m_ctx.io, Command::ParentFolder, context, [&] {
         auto path = m_ctx.io.readString(context);
-        // Text only: the path need not exist, and "~" stays (kept: see
-        // docs/protocol.md, parent folder from text).
+        // Text only: the path need not exist, and "~" stays.
+        // kept: see docs/protocol.md (parent folder from text)
         std::optional<std::string> parent;
         if (path)
             parent = Paths::deletingLastPathComponent(*path);
@@ -173,8 +173,8 @@ void FolderQueries::allFilesInFolder()
 void FolderQueries::calculateFileHash()
 {
     // Answers nothing and reads nothing beyond the password: phones send it
-    // and go straight on to their next command (kept: see docs/protocol.md,
-    // hash command answers nothing).
+    // and go straight on to their next command.
+    // kept: see docs/protocol.md (hash command answers nothing)
 }
 
 // Depth first, pre-order: the folder's record, its files, then each subfolder

@@ -198,16 +198,16 @@ void SocketServer::verifyPassword(std::uint8_t code)
         // quoted in a log line that nobody will see.
         const auto received = m_io.readString("verifying password");
         const bool logging = m_uiBridge->logging();
-        // Absent (not UTF-8) prints as "(null)" (kept: see docs/protocol.md,
-        // text that is not UTF-8).
+        // Absent (not UTF-8) prints as "(null)".
+        // kept: see docs/protocol.md (text that is not UTF-8)
         auto shown = [&]() -> std::string_view { return received ? std::string_view(*received) : "(null)"; };
         if (logging)
             logInfo(fmt::format("Received password: {}", shown()));
         if (code == Command::IdentifyHost && !m_settings->getStrictIdentify()) {
-            // Identify authenticates whatever password it carries (kept: see
-            // docs/protocol.md, identify rule), unless the user asked for
-            // strict identify: it then passes the same rule as every other
-            // command (and is still answered).
+            // Identify authenticates whatever password it carries, unless
+            // the user asked for strict identify: it then passes the same
+            // rule as every other command (and is still answered).
+            // kept: see docs/protocol.md (identify rule)
             m_authenticated = true;
             return;
         }
@@ -291,8 +291,8 @@ void SocketServer::finishSync()
 void SocketServer::invalidCommand()
 {
     // The rest of an unknown command's payload is not skipped: it is read
-    // as the next command (kept: see docs/protocol.md, unknown command's
-    // payload).
+    // as the next command.
+    // kept: see docs/protocol.md (unknown command's payload)
     const std::string context = "invalid";
     guarded(m_io, Command::Invalid, context, [&] {
         logInfo("Invalid command.");

@@ -96,8 +96,8 @@ std::optional<std::string> decodeString(const Bytes& data, std::int32_t& index)
     std::int64_t n = decodeLongLong(data, index);
     checkRange(data, index, n);
     auto text = stringFromBinary(data.data() + index, static_cast<std::size_t>(n));
-    // The cursor moves as a 32-bit addition (kept: see docs/protocol.md,
-    // 32-bit string cursor).
+    // The cursor moves as a 32-bit addition.
+    // kept: see docs/protocol.md (32-bit string cursor)
     index = static_cast<std::int32_t>(static_cast<std::uint32_t>(index) + static_cast<std::uint32_t>(n));
     return text;
 }

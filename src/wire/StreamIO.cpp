@@ -313,7 +313,7 @@ Bytes StreamIO::emptyHeader(std::uint8_t code)
 {
     Bytes packet{code, 0x00};
     packet += BitHelper::encodeLongLong(0);
-    // Always 1, whatever follows (kept: see docs/protocol.md, empty header).
+    // Always 1, whatever follows. kept: see docs/protocol.md (empty header)
     packet += BitHelper::encodeLongLong(1);
     return packet;
 }
