@@ -27,7 +27,7 @@
 
 #include "BenchSocket.h"
 #include "wire/BitHelper.h"
-#include "wire/Digest.h"
+#include "wire/Protocol.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
@@ -214,8 +214,7 @@ public:
         m_root = tmpl;
         for (const char* d : {"home", "cache", "data", "out", "up", "rsync-up"})
             fs::create_directories(m_root / d);
-        m_password = BitHelper::encodeString(Digest::md5OfString(
-            "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE" + std::string("Sesamely")));
+        m_password = BitHelper::encodeString(Protocol::hashPassword(Protocol::kDefaultPassword));
     }
     ~Bench()
     {

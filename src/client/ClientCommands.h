@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "wire/Protocol.h"
+
 class ProtocolClient;
 class TransferProgress;
 
@@ -27,7 +29,7 @@ enum ExitCode : int {
 // The server to talk to and how.
 struct Target {
     std::string host = "127.0.0.1";
-    std::uint16_t port = 35000;
+    std::uint16_t port = Protocol::kDefaultPort;
     std::string passwordHash;
     // How long a read may wait; a digest of a large file takes a while.
     std::chrono::milliseconds timeout{std::chrono::seconds(120)};

@@ -11,10 +11,13 @@
 #include <unistd.h>
 
 #include "client/ClientErrors.h"
+#include "wire/Protocol.h"
 
 namespace {
 
-constexpr std::size_t kDatagramSize = 1000;
+using Protocol::kAnnounceGroup;
+using Protocol::kDiscoveryPort;
+using Protocol::kQueryGroup;
 
 sockaddr_in address(const char* ip, std::uint16_t port)
 {
@@ -40,7 +43,9 @@ std::string systemError(const std::string& what)
 
 std::string Discovery::queryPayload()
 {
-    return std::string("ZandrelSync\0", 12);
+    std::string payload(Protocol::kQueryText);
+    payload += '\0';
+    return payload;
 }
 
 int Discovery::openSocket() const
@@ -53,13 +58,13 @@ int Discovery::openSocket() const
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     // Answers come to this port whatever port the query left from, so the
     // query goes out from the same socket that listens.
-    sockaddr_in any = address("0.0.0.0", kPort);
+    sockaddr_in any = address("0.0.0.0", kDiscoveryPort);
     if (::bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0) {
         if (errno == EADDRINUSE)
-            throw ClientError("UDP port " + std::to_string(kPort)
+            throw ClientError("UDP port " + std::to_string(kDiscoveryPort)
                 + " is in use on this machine (a server running here holds it); discover from another machine,"
                   " or connect with --host");
-        throw ClientError(systemError("cannot listen on UDP port " + std::to_string(kPort)));
+        throw ClientError(systemError("cannot listen on UDP port " + std::to_string(kDiscoveryPort)));
     }
     if (m_options.listenForAnnouncements) {
         ip_mreq join{};
@@ -68,7 +73,7 @@ int Discovery::openSocket() const
         if (::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &join, sizeof join) != 0)
             throw ClientError(systemError(std::string("cannot join the announcement group ") + kAnnounceGroup));
     }
-    int ttl = 32;
+    int ttl = Protocol::kMulticastTtl;
     ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl);
     guard.fd = -1;
     return fd;
@@ -77,7 +82,7 @@ int Discovery::openSocket() const
 void Discovery::sendQuery(int fd) const
 {
     const std::string query = queryPayload();
-    sockaddr_in to = address(kQueryGroup, kPort);
+    sockaddr_in to = address(kQueryGroup, kDiscoveryPort);
     if (::sendto(fd, query.data(), query.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
         throw ClientError(systemError(std::string("cannot send the query to ") + kQueryGroup));
 }
@@ -103,7 +108,7 @@ std::vector<Discovery::Found> Discovery::run(const std::function<void(const Foun
         int r = ::poll(&p, 1, static_cast<int>(std::max<long long>(wait, 1)));
         if (r <= 0)
             continue;
-        char buffer[kDatagramSize];
+        char buffer[Protocol::kDatagramSize];
         sockaddr_in from{};
         socklen_t fromLength = sizeof from;
         ssize_t n = ::recvfrom(socket.fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &fromLength);

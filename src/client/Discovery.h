@@ -15,10 +15,6 @@
 // the caller's thread.
 class Discovery {
 public:
-    static constexpr const char* kAnnounceGroup = "225.3.1.4";
-    static constexpr const char* kQueryGroup = "225.3.1.5";
-    static constexpr std::uint16_t kPort = 31415;
-
     struct Options {
         std::chrono::milliseconds timeout{std::chrono::seconds(3)};
         bool sendQuery = true;

@@ -5,6 +5,7 @@
 #include "client/RecordDecoder.h"
 #include "wire/BitConverter.h"
 #include "wire/BitHelper.h"
+#include "wire/Protocol.h"
 
 namespace {
 
@@ -294,7 +295,7 @@ void ProtocolClient::downloadFiles(const std::vector<DownloadItem>& items, bool 
         fields += BitHelper::encodeBool(withHash);
         send(Command::DownloadFiles, fields);
         awaitReply(Command::DownloadFiles, true);
-        Bytes buffer(kChunkSize);
+        Bytes buffer(Protocol::kChunkSize);
         for (std::size_t i = 0; i < items.size(); ++i) {
             auto record = readFileRecord(Command::DownloadFiles);
             if (RecordDecoder::isEndMarker(record))
@@ -407,7 +408,7 @@ std::vector<ProtocolClient::UploadResult> ProtocolClient::uploadFiles(
         if (handler.onOffsets)
             handler.onOffsets(offsets);
         std::vector<UploadResult> results;
-        Bytes buffer(items.empty() ? 0 : kChunkSize);
+        Bytes buffer(items.empty() ? 0 : Protocol::kChunkSize);
         for (std::size_t i = 0; i < items.size(); ++i) {
             results.push_back(sendFileData(i, items[i], offsets[i], withHash, handler, buffer));
             if (handler.onFileDone)

@@ -25,9 +25,6 @@
 // ClientError for the connection itself.
 class ProtocolClient {
 public:
-    // Both transfer directions move file data in pieces of this size.
-    static constexpr std::size_t kChunkSize = 512000;
-
     struct TreeHandler {
         // Pre-order: a folder, then its files, then each subfolder in turn.
         std::function<void(const RemoteFolder&)> onFolder;

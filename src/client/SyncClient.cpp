@@ -15,11 +15,10 @@
 
 #include "wire/BitConverter.h"
 #include "wire/BitHelper.h"
-#include "wire/Digest.h"
+#include "wire/Protocol.h"
 
 namespace {
 
-constexpr const char* kSalt = "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE";
 // A length from the wire is never trusted for one allocation: buffers grow
 // by this much as the bytes actually arrive.
 constexpr std::size_t kReadPiece = 1024 * 1024;
@@ -113,7 +112,7 @@ void SyncClient::shutdownSend()
 
 std::string SyncClient::hashPassword(const std::string& plain)
 {
-    return Digest::md5OfString(std::string(kSalt) + plain);
+    return Protocol::hashPassword(plain);
 }
 
 void SyncClient::sendRaw(const Bytes& bytes)

@@ -15,6 +15,7 @@
 #include "client/ProtocolClient.h"
 #include "client/Uploader.h"
 #include "wire/Paths.h"
+#include "wire/Protocol.h"
 
 namespace fs = std::filesystem;
 
@@ -66,7 +67,7 @@ std::optional<fs::path> below(const std::string& root, const std::string& full)
 // folder metadata the server's walk leaves out.
 bool leftOut(const std::string& name)
 {
-    return name.ends_with(".zandrel") || name.ends_with(Downloader::kPartialSuffix) || name == ".DS_Store";
+    return Protocol::isLeftOutOfListings(name) || name.ends_with(Downloader::kPartialSuffix);
 }
 
 Downloader::Options downloaderOptions(const TransferOptions& o)

@@ -13,11 +13,9 @@
 #include "client/ClientCommands.h"
 #include "client/ProgressMeter.h"
 #include "client/SyncClient.h"
+#include "wire/Protocol.h"
 
 namespace {
-
-// A fresh server's password until someone sets another.
-constexpr const char* kDefaultPassword = "Sesamely";
 
 struct Arguments {
     ClientCommands::Target target;
@@ -112,7 +110,7 @@ int run(CLI::App& app, Arguments& a)
     if (!a.hash.empty())
         a.target.passwordHash = a.hash;
     else
-        a.target.passwordHash = SyncClient::hashPassword(a.password.empty() ? kDefaultPassword : a.password);
+        a.target.passwordHash = SyncClient::hashPassword(a.password.empty() ? Protocol::kDefaultPassword : a.password);
     a.target.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(a.timeoutSeconds * 1000));
 
     ProgressMeter meter(stderr);

@@ -21,11 +21,14 @@
 #include "app/SystemLog.h"
 #include "app/UIBridge.h"
 #include "settings/Settings.h"
+#include "wire/Protocol.h"
 
 namespace {
 
-constexpr int kMulticastTtl = 32;
-constexpr std::size_t kBufferSize = 1000;
+using Protocol::kAnnounceGroup;
+using Protocol::kDiscoveryPort;
+using Protocol::kQueryText;
+
 constexpr std::uint64_t kRefreshEvery = 7;
 constexpr double kAnnounceInterval = 5.0;
 constexpr double kSetUpRetry = 20.0;
@@ -33,9 +36,8 @@ constexpr double kAnswerFailurePause = 2.0;
 constexpr time_t kWaitSeconds = 5;
 // The received text is what precedes the first zero within the first 12 bytes.
 constexpr std::size_t kQueryCut = 12;
-constexpr const char* kQueryText = "ZandrelSync";
 
-using Buffer = std::array<char, kBufferSize>;
+using Buffer = std::array<char, Protocol::kDatagramSize>;
 
 // A failure of the discovery threads; its text serves as name and reason.
 class BroadcastError : public std::runtime_error {
@@ -81,7 +83,7 @@ Socket udpSocket()
 
 bool setMulticastTtl(const Socket& sock)
 {
-    int ttl = kMulticastTtl;
+    int ttl = Protocol::kMulticastTtl;
     return ::setsockopt(sock.get(), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof ttl) == 0;
 }
 
@@ -170,7 +172,7 @@ void setUpAnswerer(AnswerState& state)
         throw BroadcastError("Listener < 0");
     }
     ip_mreq membership{};
-    ::inet_pton(AF_INET, Broadcaster::kQueryGroup, &membership.imr_multiaddr);
+    ::inet_pton(AF_INET, Protocol::kQueryGroup, &membership.imr_multiaddr);
     membership.imr_interface.s_addr = htonl(INADDR_ANY);
     if (::setsockopt(state.listener.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) < 0)
         throw BroadcastError("Couldn't join multicast group");
@@ -180,7 +182,7 @@ void setUpAnswerer(AnswerState& state)
     sockaddr_in any{};
     any.sin_family = AF_INET;
     any.sin_addr.s_addr = htonl(INADDR_ANY);
-    any.sin_port = htons(Broadcaster::kPort);
+    any.sin_port = htons(kDiscoveryPort);
     if (::bind(state.listener.get(), reinterpret_cast<const sockaddr*>(&any), sizeof any) < 0) {
         state.listener.reset();
         throw BroadcastError("bind() failed in threadproc2.");
@@ -335,7 +337,7 @@ void Broadcaster::threadProc2()
 bool Broadcaster::announceOnce()
 {
     Socket sock;
-    const sockaddr_in group = endpoint(kAnnounceGroup, kPort);
+    const sockaddr_in group = endpoint(kAnnounceGroup, kDiscoveryPort);
     try {
         sock = setUpAnnouncer();
     } catch (const std::exception& e) {
@@ -433,7 +435,7 @@ void Broadcaster::reply(const sockaddr_in& from, const char* identifier, int len
     if (!setMulticastTtl(sock))
         logInfo("Could not set TTL.");
     sockaddr_in to = from;
-    to.sin_port = htons(kPort);
+    to.sin_port = htons(kDiscoveryPort);
     ssize_t sent = ::sendto(sock.get(), identifier, static_cast<std::size_t>(length), 0,
                             reinterpret_cast<const sockaddr*>(&to), sizeof to);
     const int error = errno;

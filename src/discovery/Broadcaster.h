@@ -28,12 +28,6 @@ public:
     // Sleeps up to `seconds`, waking early when broadcasting is stopped.
     void safeWait(double seconds);
 
-    // Ports and groups are the protocol's; tests on one host never need
-    // to change them (they use two network namespaces).
-    static constexpr const char* kAnnounceGroup = "225.3.1.4";
-    static constexpr const char* kQueryGroup = "225.3.1.5";
-    static constexpr std::uint16_t kPort = 31415;
-
 private:
     void threadProc();
     void threadProc2();

@@ -5,15 +5,9 @@
 
 #include "records/ItemAttributes.h"
 #include "wire/Paths.h"
+#include "wire/Protocol.h"
 
 namespace {
-
-// Our own partial uploads and the desktop's folder metadata are not the
-// user's files.
-bool isSkippedName(const std::string& name)
-{
-    return name.ends_with(".zandrel") || name == ".DS_Store";
-}
 
 // Plain files directly inside the folder; a symbolic link counts as a link,
 // whatever it points at.
@@ -24,7 +18,7 @@ std::int32_t countPlainFiles(const std::string& folder)
     std::int32_t count = 0;
     for (; !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
         std::string entry = it->path().filename().string();
-        if (isSkippedName(entry))
+        if (Protocol::isLeftOutOfListings(entry))
             continue;
         if (ItemAttributes::read(folder + "/" + entry).isRegularFile)
             ++count;

@@ -31,12 +31,13 @@
 #include "wire/Commands.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
+#include "wire/Protocol.h"
 #include "wire/SyncException.h"
 
 namespace {
 
 // Bounds every read from a file (download) and from the stream (upload).
-constexpr std::int64_t kChunkSize = 512000;
+constexpr auto kChunkSize = static_cast<std::int64_t>(Protocol::kChunkSize);
 
 const std::string kDownloading = "downloading files";
 const std::string kSendingData = "sending file data";

@@ -17,6 +17,7 @@
 #include "wire/Commands.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
+#include "wire/Protocol.h"
 #include "wire/SyncException.h"
 
 namespace {
@@ -24,13 +25,6 @@ namespace {
 const char* yesNo(bool value)
 {
     return value ? "YES" : "NO";
-}
-
-// Our own partial uploads and the desktop's folder metadata are not the
-// user's files, so the walk leaves them out.
-bool skippedByWalk(const std::string& name)
-{
-    return name.ends_with(".zandrel") || name == ".DS_Store";
 }
 
 // The folder handlers take the path as sent: "~" is not expanded for their
@@ -189,7 +183,7 @@ void FolderQueries::recurseFolder(const std::string& path, bool withHash)
     for (const auto& name : names) {
         std::string child = FileSystem::childPath(path, name);
         try {
-            if (FileSystem::typeOf(child) != FileSystem::ItemType::RegularFile || skippedByWalk(name))
+            if (FileSystem::typeOf(child) != FileSystem::ItemType::RegularFile || Protocol::isLeftOutOfListings(name))
                 continue;
             FileSyncInfo info = FileSyncInfo::initFromPath(child);
             if (withHash)

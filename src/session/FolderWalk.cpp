@@ -22,6 +22,7 @@
 #include "records/ItemAttributes.h"
 #include "records/RecordEncoding.h"
 #include "wire/Paths.h"
+#include "wire/Protocol.h"
 #include "wire/StreamIO.h"
 
 namespace {
@@ -30,11 +31,6 @@ namespace {
 constexpr std::size_t kLookAhead = 64;
 // Records gathered before a write.
 constexpr std::size_t kWriteSize = 256 * 1024;
-
-bool skippedByWalk(const std::string& name)
-{
-    return name.ends_with(".zandrel") || name == ".DS_Store";
-}
 
 } // namespace
 
@@ -185,7 +181,7 @@ void FolderWalk::walkFolder(const std::string& path, DirSyncInfo record, bool is
     const std::vector<Entry> entries = listFolder<Entry>(path, isRoot);
     if (!isRoot)
         record.fileCount = static_cast<std::int32_t>(std::count_if(entries.begin(), entries.end(),
-            [](const Entry& e) { return !e.isFolder && !skippedByWalk(e.name); }));
+            [](const Entry& e) { return !e.isFolder && !Protocol::isLeftOutOfListings(e.name); }));
     add({BitHelper::encodeDirSyncInfo(record), std::nullopt, {}});
 
     // Every child path is "<path>/<name>", as the phone sees it; its parent
@@ -193,7 +189,7 @@ void FolderWalk::walkFolder(const std::string& path, DirSyncInfo record, bool is
     const std::string prefix = path + "/";
     const std::string parent = Paths::deletingLastPathComponent(prefix + "x");
     for (const auto& entry : entries) {
-        if (entry.isFolder || skippedByWalk(entry.name))
+        if (entry.isFolder || Protocol::isLeftOutOfListings(entry.name))
             continue;
         FileSyncInfo info;
         info.fullName = prefix + entry.name;

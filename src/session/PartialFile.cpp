@@ -10,13 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "wire/Protocol.h"
 #include "wire/SyncException.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr const char* kSuffix = ".zandrel";
 
 [[noreturn]] void failWith(int error, const std::string& what)
 {
@@ -32,7 +31,7 @@ constexpr const char* kSuffix = ".zandrel";
 
 std::string PartialFile::pathFor(const std::string& destination)
 {
-    return destination + kSuffix;
+    return destination + std::string(Protocol::kPartialSuffix);
 }
 
 std::int64_t PartialFile::resumeOffset(const std::string& partial, std::int64_t announced)

@@ -16,15 +16,12 @@
 #include "settings/PlistFile.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
+#include "wire/Protocol.h"
 
 namespace {
 
-// Fixed for the life of the protocol: phones salt the password the same way.
-constexpr const char* kSalt = "0E991F413708B1AE61C724F430F5965779D826E8E537CED914D3279314E25930518FFE";
-constexpr const char* kDefaultPassword = "Sesamely";
 constexpr const char* kPreferencesFile = "~/Library/Preferences/com.orvantics.ZandrelSync.plist";
 constexpr const char* kVersionPrefix = "ZandrelSync4Mac ";
-constexpr std::int32_t kDefaultPort = 35000;
 
 // Copies a key's value into a field when the key is present and its value
 // has the reading asked for; otherwise the field keeps what it had.
@@ -61,10 +58,10 @@ void Settings::setDefaults()
 {
     m_basePath = defaultBasePath();
     m_lastIP.clear();
-    m_password = hashPasswordWithSalt(kDefaultPassword);
+    m_password = hashPasswordWithSalt(Protocol::kDefaultPassword);
     // Rebuilt at every load and never stored in the file.
     m_version = std::string(kVersionPrefix) + ZANDREL_VERSION;
-    m_port = kDefaultPort;
+    m_port = Protocol::kDefaultPort;
     m_toast = true;
     m_startOnLogin = true;
     m_trace = false;
@@ -207,7 +204,7 @@ std::string Settings::getIdentifier() const
 
 std::string Settings::hashPasswordWithSalt(const std::string& plain)
 {
-    return Digest::md5OfString(std::string(kSalt) + plain);
+    return Protocol::hashPassword(plain);
 }
 
 void Settings::setPlainTextPassword(const std::string& plain)

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "wire/Protocol.h"
+
 // The server's configuration: loaded from the settings file when created,
 // written back only by writePreferences. Shared by every thread; string
 // fields are read and replaced whole under m_mutex, flags are atomic-free
@@ -93,7 +95,7 @@ private:
     std::string m_lastIP;
     std::string m_password;
     std::string m_version;
-    std::int32_t m_port = 35000;
+    std::int32_t m_port = Protocol::kDefaultPort;
     bool m_toast = true;
     bool m_startOnLogin = true;
     bool m_trace = false;

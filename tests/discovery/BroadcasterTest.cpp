@@ -21,6 +21,7 @@
 #include "discovery/Broadcaster.h"
 #include "netns/Namespaces.h"
 #include "settings/Settings.h"
+#include "wire/Protocol.h"
 
 using namespace std::chrono_literals;
 
@@ -50,8 +51,8 @@ protected:
     Fd listener()
     {
         Fd sock(::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
-        EXPECT_TRUE(bindReceiver(sock.get(), "0.0.0.0", Broadcaster::kPort));
-        EXPECT_TRUE(joinGroup(sock.get(), Broadcaster::kAnnounceGroup));
+        EXPECT_TRUE(bindReceiver(sock.get(), "0.0.0.0", Protocol::kDiscoveryPort));
+        EXPECT_TRUE(joinGroup(sock.get(), Protocol::kAnnounceGroup));
         return sock;
     }
 

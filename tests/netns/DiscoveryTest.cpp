@@ -14,6 +14,7 @@
 #include "discovery/Broadcaster.h"
 #include "netns/Namespaces.h"
 #include "settings/Settings.h"
+#include "wire/Protocol.h"
 
 using namespace std::chrono_literals;
 
@@ -31,7 +32,7 @@ protected:
         m_settings = std::make_shared<Settings>(Settings::NoLoginItems{});
         m_settings->setTrace(true);
         m_phonePort = m_hosts.phoneSocket();
-        ASSERT_TRUE(bindReceiver(m_phonePort.get(), "0.0.0.0", Broadcaster::kPort));
+        ASSERT_TRUE(bindReceiver(m_phonePort.get(), "0.0.0.0", Protocol::kDiscoveryPort));
     }
 
     void TearDown() override { m_broadcaster.reset(); }
@@ -50,7 +51,7 @@ protected:
         if (!bindReceiver(sender.get(), from, 0))
             return false;
         for (int attempt = 0; attempt < 50; ++attempt) {
-            sendDatagram(sender.get(), payload, Broadcaster::kQueryGroup, Broadcaster::kPort);
+            sendDatagram(sender.get(), payload, Protocol::kQueryGroup, Protocol::kDiscoveryPort);
             if (done())
                 return true;
         }
@@ -112,13 +113,13 @@ TEST_F(DiscoveryBetweenHosts, OtherDatagramsAreFalseAlarmsInTheSystemLogOnly)
 
 TEST_F(DiscoveryBetweenHosts, AnnouncementReachesThePhonesGroupAtOnce)
 {
-    ASSERT_TRUE(joinGroup(m_phonePort.get(), Broadcaster::kAnnounceGroup));
+    ASSERT_TRUE(joinGroup(m_phonePort.get(), Protocol::kAnnounceGroup));
     start();
     auto announcement = receive(m_phonePort.get(), 3s);
     ASSERT_TRUE(announcement) << "no announcement";
     EXPECT_EQ(announcement->payload, m_settings->getIdentifier());
     EXPECT_EQ(announcement->from, TwoHosts::kDesktop);
-    EXPECT_EQ(announcement->to, Broadcaster::kAnnounceGroup);
+    EXPECT_EQ(announcement->to, "225.3.1.4");
     EXPECT_EQ(announcement->ttl, 32);
 }
 
@@ -134,7 +135,7 @@ TEST_F(DiscoveryBetweenHosts, AfterAQuietWaitQueriesAreNoLongerRead)
     m_log.sink().clear();
     Fd sender = m_hosts.phoneSocket();
     for (int attempt = 0; attempt < 10; ++attempt) {
-        sendDatagram(sender.get(), kQuery, Broadcaster::kQueryGroup, Broadcaster::kPort);
+        sendDatagram(sender.get(), kQuery, Protocol::kQueryGroup, Protocol::kDiscoveryPort);
         EXPECT_FALSE(receive(m_phonePort.get(), 100ms)) << "a query was still read after the quiet wait";
     }
     EXPECT_FALSE(m_log.contains("Tier 2 connect"));
