@@ -1,5 +1,6 @@
 #include "client/RecordDecoder.h"
 
+#include <limits>
 #include <string>
 
 #include "client/ClientErrors.h"
@@ -105,7 +106,12 @@ RemoteFolder decodeFolderBody(const Bytes& body)
     f.created = in.longLong();
     f.modified = in.longLong();
     readFlags(in, f);
-    f.fileCount = in.longLong();
+    // Sent sign-extended from the server's 32-bit count.
+    auto count = in.longLong();
+    if (count < std::numeric_limits<RecordField::FileCount>::min()
+        || count > std::numeric_limits<RecordField::FileCount>::max())
+        throw ProtocolError("a folder's file count is out of range");
+    f.fileCount = static_cast<RecordField::FileCount>(count);
     expectEnd(in, "a folder");
     return f;
 }
@@ -119,7 +125,7 @@ RemoteFile decodeFileBody(const Bytes& body)
     f.name = in.string();
     f.extension = in.string();
     f.kind = in.byte();
-    f.size = static_cast<std::uint64_t>(in.longLong());
+    f.size = static_cast<RecordField::Size>(in.longLong());
     f.created = in.longLong();
     f.modified = in.longLong();
     readFlags(in, f);

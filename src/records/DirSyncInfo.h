@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "wire/RecordFields.h"
+
 // One folder as reported to the phone: its path in parts, dates, attribute
 // flags and the number of plain files directly inside it. A plain value,
 // built per request and encoded at once.
@@ -11,8 +13,8 @@ public:
     std::string fullName;
     std::string parent;
     std::string name;
-    std::int64_t created = 0;
-    std::int64_t modified = 0;
+    RecordField::Date created = 0;
+    RecordField::Date modified = 0;
     // Never set on this platform; on the wire all the same.
     bool archive = false;
     bool compressed = false;
@@ -20,7 +22,7 @@ public:
     bool hidden = false;
     bool readonly = false;
     bool system = false;
-    std::int32_t fileCount = 0;
+    RecordField::FileCount fileCount = 0;
 
     // Never fails: a missing or unreadable folder has dates 0 and no files.
     static DirSyncInfo initFromPath(const std::string& path);

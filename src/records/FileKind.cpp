@@ -52,7 +52,7 @@ bool asciiLowercase(const std::string& text, std::string& out)
 
 } // namespace
 
-std::int32_t fileKindForExtension(const std::string& extension)
+RecordField::Kind fileKindForExtension(const std::string& extension)
 {
     std::string lower;
     if (extension.empty() || !asciiLowercase(extension, lower))

@@ -28,7 +28,7 @@ FileSyncInfo FileSyncInfo::finish()
     return FileSyncInfo{};
 }
 
-std::int32_t FileSyncInfo::guessFileType() const
+RecordField::Kind FileSyncInfo::guessFileType() const
 {
     return fileKindForExtension(extension);
 }

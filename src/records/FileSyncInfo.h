@@ -15,10 +15,10 @@ public:
     std::string parent;
     std::string name;
     std::string extension;
-    std::int32_t kind = FileKindOther;
-    std::uint64_t size = 0;
-    std::int64_t created = 0;
-    std::int64_t modified = 0;
+    RecordField::Kind kind = FileKindOther;
+    RecordField::Size size = 0;
+    RecordField::Date created = 0;
+    RecordField::Date modified = 0;
     // Never set on this platform; on the wire all the same.
     bool archive = false;
     bool compressed = false;
@@ -34,7 +34,7 @@ public:
     // The empty record that ends a streamed list.
     static FileSyncInfo finish();
 
-    std::int32_t guessFileType() const;
+    RecordField::Kind guessFileType() const;
     // Same path, case-sensitive, canonically equivalent Unicode forms equal.
     bool isEqual(const FileSyncInfo& other) const;
     // Everything but the hash, which the copy leaves absent.
