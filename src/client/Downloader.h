@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "client/LocalFile.h"
 #include "client/ProtocolClient.h"
 #include "client/TransferProgress.h"
+#include "client/TransferRun.h"
 
 // Fetches remote files to local paths through one ProtocolClient without
 // ever leaving a wrong file behind: bytes go into a partial file of our own
@@ -18,17 +20,19 @@
 // alone. When the server drops the connection (it ends every session a few
 // minutes after it began) the fetch reconnects and resumes by itself, a
 // bounded number of times. One thread.
-class Downloader {
+// One file of a fetch.
+struct DownloadJob : TransferJob {
+    RemoteFile info;       // what the server lists; fullName empty until known
+    bool probe = false;    // same size here: the server's digest decides
+    std::int64_t have = 0; // bytes in the partial file
+    LocalFile file;
+};
+
+class Downloader : private TransferRun<DownloadJob> {
 public:
-    struct Options {
-        // Check each copy against the server's MD5 before it replaces
-        // anything; off, files of equal size and date count as identical.
-        bool verify = true;
-        // Work out what would move and move nothing.
-        bool dryRun = false;
-        // Reconnections in a row that move no byte before giving up.
-        int retries = 5;
-    };
+    using Options = TransferRunOptions;
+    using Outcome = TransferOutcome;
+    using Result = TransferResult;
 
     struct Item {
         std::string remote; // absolute path on the server
@@ -36,20 +40,6 @@ public:
         // What a listing of the server already said about the file (a tree
         // walk with digests); looked up when absent.
         std::optional<RemoteFile> info;
-    };
-
-    enum class Result { Fetched, UpToDate, WouldFetch, Failed };
-
-    struct Outcome {
-        std::string remote;
-        std::string local;
-        Result result = Result::Failed;
-        std::int64_t size = 0;        // of the remote file
-        std::int64_t resumedFrom = 0; // bytes the partial file already held
-        std::int64_t received = 0;    // bytes fetched this time
-        bool verified = false;        // digest compared and equal
-        int reconnects = 0;           // connections lost while it moved
-        std::string error;            // why it failed
     };
 
     // `connect` opens a fresh session on the client (after the server ended
@@ -66,27 +56,11 @@ public:
     static constexpr const char* kPartialSuffix = ".zandrel-part";
 
 private:
-    struct Job;
-    void describe(std::vector<Job>& jobs);
-    void decide(std::vector<Job>& jobs);
-    void probe(std::vector<Job>& jobs);
-    void planResume(std::vector<Job>& jobs);
-    void transfer(std::vector<Job>& jobs, TransferProgress* progress);
-    void runOnce(std::vector<Job>& jobs, const std::vector<std::size_t>& which, TransferProgress* progress);
-    void complete(Job& job, const std::string& digest);
-    // Fails the file the last command was busy with; false when there was none.
-    bool failCurrent(std::vector<Job>& jobs, const std::vector<std::size_t>& which, const std::string& why);
-    // After the server ended the session over one command's failure.
-    void recover();
-
-    // Hands a finished file not yet reported (or every one) to m_settled.
-    void settle(Job& job);
-    void reportSettled(std::vector<Job>& jobs);
-
-    ProtocolClient& m_client;
-    std::function<void(const Outcome&)> m_settled;
-    Options m_options;
-    std::function<void()> m_connect;
-    std::int64_t m_moved = 0;
-    Job* m_current = nullptr; // whose record came last and is not complete
+    void plan(std::vector<DownloadJob>& jobs) override;
+    void describe(std::vector<DownloadJob>& jobs);
+    void decide(std::vector<DownloadJob>& jobs);
+    void probe(std::vector<DownloadJob>& jobs);
+    void planResume(std::vector<DownloadJob>& jobs);
+    void runOnce(const std::vector<DownloadJob*>& which, TransferProgress* progress) override;
+    void complete(DownloadJob& job, const std::string& digest);
 };

@@ -94,6 +94,22 @@ std::int64_t listCount(Reader& in)
     return count;
 }
 
+// A count, then each record with its own length field, and nothing after.
+template <typename Decode>
+auto decodeList(const Bytes& data, Decode decode, const char* what)
+{
+    Reader in(data);
+    auto count = listCount(in);
+    std::size_t at = in.position();
+    std::vector<decltype(decode(data))> out;
+    out.reserve(static_cast<std::size_t>(count));
+    for (std::int64_t i = 0; i < count; ++i)
+        out.push_back(decode(nextRecord(data, at)));
+    if (at != data.size())
+        throw ProtocolError(std::string(what) + " is longer than its records");
+    return out;
+}
+
 } // namespace
 
 RemoteFolder decodeFolderBody(const Bytes& body)
@@ -150,30 +166,12 @@ Record decodeRecordBody(const Bytes& body)
 
 std::vector<RemoteFolder> decodeFolderList(const Bytes& data)
 {
-    Reader in(data);
-    auto count = listCount(in);
-    std::size_t at = in.position();
-    std::vector<RemoteFolder> out;
-    out.reserve(static_cast<std::size_t>(count));
-    for (std::int64_t i = 0; i < count; ++i)
-        out.push_back(decodeFolderBody(nextRecord(data, at)));
-    if (at != data.size())
-        throw ProtocolError("a folder list is longer than its records");
-    return out;
+    return decodeList(data, decodeFolderBody, "a folder list");
 }
 
 std::vector<RemoteFile> decodeFileList(const Bytes& data)
 {
-    Reader in(data);
-    auto count = listCount(in);
-    std::size_t at = in.position();
-    std::vector<RemoteFile> out;
-    out.reserve(static_cast<std::size_t>(count));
-    for (std::int64_t i = 0; i < count; ++i)
-        out.push_back(decodeFileBody(nextRecord(data, at)));
-    if (at != data.size())
-        throw ProtocolError("a file list is longer than its records");
-    return out;
+    return decodeList(data, decodeFileBody, "a file list");
 }
 
 RemoteFolder decodeFolderRecord(const Bytes& data)

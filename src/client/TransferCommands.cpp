@@ -23,21 +23,6 @@ namespace ClientCommands {
 
 namespace {
 
-// Counts for the closing line.
-struct Tally {
-    std::int64_t files = 0;
-    std::int64_t bytes = 0;
-    std::int64_t skipped = 0;
-    std::int64_t failed = 0;
-
-    // "got 3 files, 1.2 MiB; 2 up to date; 0 failed", or "would get ...".
-    std::string line(const char* done, const char* would, bool dryRun) const
-    {
-        return fmt::format("{} {} file{}, {}; {} up to date; {} failed", dryRun ? would : done, files,
-            files == 1 ? "" : "s", ProgressMeter::formatSize(bytes), skipped, failed);
-    }
-};
-
 std::string detail(std::int64_t bytes, std::int64_t resumedFrom, int reconnects, bool verified, bool dryRun)
 {
     std::string text = fmt::format("{} bytes", bytes);
@@ -49,6 +34,58 @@ std::string detail(std::int64_t bytes, std::int64_t resumedFrom, int reconnects,
         text += ", digest verified";
     return text;
 }
+
+// How one direction speaks of its files: get names the local copy it made,
+// put the remote one.
+struct Direction {
+    const char* command; // "get"
+    const char* done;    // "got"
+    const char* would;   // "would get"
+    bool toLocal;
+};
+
+const Direction kGet{"get", "got", "would get", true};
+const Direction kPut{"put", "sent", "would send", false};
+
+// Says each file's outcome as it settles and counts them for the closing line.
+struct Tally {
+    std::int64_t files = 0;
+    std::int64_t bytes = 0;
+    std::int64_t skipped = 0;
+    std::int64_t failed = 0;
+
+    void add(Console& console, const Direction& how, const TransferOutcome& o)
+    {
+        const auto& copy = how.toLocal ? o.local : o.remote;
+        switch (o.result) {
+        case TransferResult::Moved:
+        case TransferResult::WouldMove: {
+            const bool dry = o.result == TransferResult::WouldMove;
+            auto moved = dry ? o.size - o.resumedFrom : o.moved;
+            say(console, fmt::format("{} {}  ({})", dry ? how.would : how.done, copy,
+                             detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
+            ++files;
+            bytes += moved;
+            break;
+        }
+        case TransferResult::UpToDate:
+            say(console, "up to date " + copy);
+            ++skipped;
+            break;
+        case TransferResult::Failed:
+            complain(console, fmt::format("{} {}: {}", how.command, how.toLocal ? o.remote : o.local, o.error));
+            ++failed;
+            break;
+        }
+    }
+
+    // "got 3 files, 1.2 MiB; 2 up to date; 0 failed", or "would get ...".
+    std::string line(const Direction& how, bool dryRun) const
+    {
+        return fmt::format("{} {} file{}, {}; {} up to date; {} failed", dryRun ? how.would : how.done, files,
+            files == 1 ? "" : "s", ProgressMeter::formatSize(bytes), skipped, failed);
+    }
+};
 
 // The part of a walked path below `root`, checked to stay below it: a name
 // from the server never climbs out of the folder it is copied into.
@@ -70,22 +107,13 @@ bool leftOut(const std::string& name)
     return Protocol::isLeftOutOfListings(name) || name.ends_with(Downloader::kPartialSuffix);
 }
 
-Downloader::Options downloaderOptions(const TransferOptions& o)
+TransferRunOptions runOptions(const TransferOptions& o)
 {
-    Downloader::Options d;
-    d.verify = o.verify;
-    d.dryRun = o.dryRun;
-    d.retries = o.retries;
-    return d;
-}
-
-Uploader::Options uploaderOptions(const TransferOptions& o)
-{
-    Uploader::Options u;
-    u.verify = o.verify;
-    u.dryRun = o.dryRun;
-    u.retries = o.retries;
-    return u;
+    TransferRunOptions run;
+    run.verify = o.verify;
+    run.dryRun = o.dryRun;
+    run.retries = o.retries;
+    return run;
 }
 
 } // namespace
@@ -140,30 +168,9 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
             fs::create_directories(into);
         std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.local < b.local; });
 
-        Downloader downloader(client, downloaderOptions(options), [&] { open(client, target); });
-        downloader.fetch(items, console.progress, [&](const Downloader::Outcome& o) {
-            switch (o.result) {
-            case Downloader::Result::Fetched:
-            case Downloader::Result::WouldFetch: {
-                const bool dry = o.result == Downloader::Result::WouldFetch;
-                auto moved = dry ? o.size - o.resumedFrom : o.received;
-                say(console, fmt::format("{} {}  ({})", dry ? "would get" : "got", o.local,
-                                 detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
-                ++tally.files;
-                tally.bytes += moved;
-                break;
-            }
-            case Downloader::Result::UpToDate:
-                say(console, "up to date " + o.local);
-                ++tally.skipped;
-                break;
-            case Downloader::Result::Failed:
-                complain(console, "get " + o.remote + ": " + o.error);
-                ++tally.failed;
-                break;
-            }
-        });
-        say(console, tally.line("got", "would get", options.dryRun));
+        Downloader downloader(client, runOptions(options), [&] { open(client, target); });
+        downloader.fetch(items, console.progress, [&](const TransferOutcome& o) { tally.add(console, kGet, o); });
+        say(console, tally.line(kGet, options.dryRun));
         return tally.failed > 0 ? int(Failed) : int(Ok);
     });
 }
@@ -240,30 +247,9 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
             }
         }
 
-        Uploader uploader(client, uploaderOptions(options), [&] { open(client, target); });
-        uploader.send(items, console.progress, [&](const Uploader::Outcome& o) {
-            switch (o.result) {
-            case Uploader::Result::Sent:
-            case Uploader::Result::WouldSend: {
-                const bool dry = o.result == Uploader::Result::WouldSend;
-                auto moved = dry ? o.size : o.sent;
-                say(console, fmt::format("{} {}  ({})", dry ? "would send" : "sent", o.remote,
-                                 detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
-                ++tally.files;
-                tally.bytes += moved;
-                break;
-            }
-            case Uploader::Result::UpToDate:
-                say(console, "up to date " + o.remote);
-                ++tally.skipped;
-                break;
-            case Uploader::Result::Failed:
-                complain(console, "put " + o.local + ": " + o.error);
-                ++tally.failed;
-                break;
-            }
-        });
-        say(console, tally.line("sent", "would send", options.dryRun));
+        Uploader uploader(client, runOptions(options), [&] { open(client, target); });
+        uploader.send(items, console.progress, [&](const TransferOutcome& o) { tally.add(console, kPut, o); });
+        say(console, tally.line(kPut, options.dryRun));
         return tally.failed > 0 ? int(Failed) : int(Ok);
     });
 }

@@ -1,39 +1,12 @@
 #include "client/Uploader.h"
 
-#include <filesystem>
-#include <map>
-
-#include <fmt/format.h>
-
-#include "client/LocalFile.h"
-#include "client/Reconnect.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
 
-struct Uploader::Job {
-    Outcome outcome;
-    std::optional<RemoteFile> info;
-    bool absent = false;
-    std::int64_t modified = 0;
-    std::string digest;       // of the local file, once needed
-    bool needed = false;
-    bool finished = false;
-    bool reported = false;
-    bool restarted = false;
-    bool offsetsKnown = false;
-
-    void fail(std::string why)
-    {
-        outcome.result = Result::Failed;
-        outcome.error = std::move(why);
-        finished = true;
-    }
-};
+using Job = UploadJob;
 
 Uploader::Uploader(ProtocolClient& client, Options options, std::function<void()> connect)
-    : m_client(client)
-    , m_options(options)
-    , m_connect(std::move(connect))
+    : TransferRun(client, options, std::move(connect))
 {
 }
 
@@ -54,7 +27,6 @@ std::string Uploader::digestOf(Job& job)
 std::vector<Uploader::Outcome> Uploader::send(
     const std::vector<Item>& items, TransferProgress* progress, const std::function<void(const Outcome&)>& settled)
 {
-    m_settled = settled;
     std::vector<Job> jobs(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         Job& job = jobs[i];
@@ -67,36 +39,28 @@ std::vector<Uploader::Outcome> Uploader::send(
         if (job.outcome.size < 0)
             job.fail("not a readable file: " + items[i].local);
     }
+    return run(jobs, progress, settled);
+}
+
+void Uploader::plan(std::vector<Job>& jobs)
+{
     describe(jobs);
     decide(jobs);
-    reportSettled(jobs);
-    if (!m_options.dryRun)
-        transfer(jobs, progress);
-    reportSettled(jobs);
-    std::vector<Outcome> outcomes;
-    for (auto& job : jobs)
-        outcomes.push_back(std::move(job.outcome));
-    return outcomes;
 }
 
 // What the server holds at each remote path, one listing per folder. A
 // folder standing there would be replaced by the file: that is refused.
 void Uploader::describe(std::vector<Job>& jobs)
 {
-    std::map<std::string, std::vector<Job*>> byFolder;
-    for (auto& job : jobs)
-        if (!job.finished && !job.info && !job.absent)
-            byFolder[Paths::deletingLastPathComponent(job.outcome.remote)].push_back(&job);
-    for (auto& [folder, group] : byFolder) {
+    auto groups = byRemoteFolder(jobs, [](const Job& job) { return !job.finished && !job.info && !job.absent; });
+    for (auto& [folder, group] : groups) {
         if (!m_client.pathExists(folder))
             continue; // the server makes the folders an upload needs
         auto files = m_client.filesInFolder(folder);
         for (Job* job : group) {
-            auto name = Paths::lastPathComponent(job->outcome.remote);
-            for (const auto& f : files)
-                if (f.name == name)
-                    job->info = f;
-            if (!job->info && m_client.pathExists(job->outcome.remote))
+            if (auto found = listed(files, *job))
+                job->info = *found;
+            else if (m_client.pathExists(job->outcome.remote))
                 job->fail("a folder on the server is in the way: " + job->outcome.remote);
         }
     }
@@ -105,7 +69,6 @@ void Uploader::describe(std::vector<Job>& jobs)
 void Uploader::decide(std::vector<Job>& jobs)
 {
     std::vector<Job*> asked;
-    std::vector<ProtocolClient::DownloadItem> items;
     for (auto& job : jobs) {
         if (job.finished)
             continue;
@@ -118,18 +81,15 @@ void Uploader::decide(std::vector<Job>& jobs)
             job.needed = job.info->hash != digestOf(job);
         } else {
             asked.push_back(&job);
-            items.push_back({job.outcome.remote, job.outcome.size});
         }
     }
-    if (!items.empty()) {
-        std::size_t failedAt = 0;
-        std::vector<std::string> digests(items.size());
+    if (!asked.empty()) {
+        std::vector<std::string> digests(asked.size());
         try {
-            digests = m_client.remoteDigests(items, &failedAt);
+            digests = m_client.remoteDigests(digestRequests(asked));
         } catch (const ServerError&) {
             // Listed a moment ago and unreadable now: send it all the same.
-            if (m_connect)
-                m_connect();
+            recover();
         }
         for (std::size_t at = 0; at < asked.size(); ++at)
             asked[at]->needed = digests[at].empty() || digests[at] != digestOf(*asked[at]);
@@ -137,92 +97,32 @@ void Uploader::decide(std::vector<Job>& jobs)
     for (auto& job : jobs) {
         if (job.finished)
             continue;
-        if (!job.needed) {
-            job.outcome.result = Result::UpToDate;
-            job.finished = true;
-        } else if (m_options.dryRun) {
-            job.outcome.result = Result::WouldSend;
-            job.finished = true;
-        }
+        if (!job.needed)
+            job.finish(Result::UpToDate);
+        else if (m_options.dryRun)
+            job.finish(Result::WouldMove);
     }
 }
 
-void Uploader::transfer(std::vector<Job>& jobs, TransferProgress* progress)
+// Refused before any file was under way: it is the command the server
+// refuses, for all of them.
+bool Uploader::refused(const std::vector<Job*>& which, const std::string& why)
 {
-    Reconnect reconnect(m_connect, m_options.retries, progress);
-    for (;; reportSettled(jobs)) {
-        std::vector<Job*> which;
-        for (auto& job : jobs)
-            if (job.needed && !job.finished)
-                which.push_back(&job);
-        if (which.empty())
-            return;
-        const std::int64_t movedBefore = m_moved;
-        bool settled = false;
-        std::string lost;
-        m_current = nullptr;
-        try {
-            runOnce(which, progress);
-            continue;
-        } catch (const ServerError& e) {
-            lost = e.what();
-            if (!e.isConnectionFailure()) {
-                // Refused before any file was under way: it is the
-                // command the server refuses, for all of them.
-                for (Job* job : which)
-                    if (!job->finished && (!m_current || job == m_current))
-                        job->fail(e.what());
-                settled = true;
-            }
-        } catch (const LocalFileError& e) {
-            lost = e.what();
-            m_client.close();
-            if (m_current) {
-                m_current->fail(e.what());
-                settled = true;
-            }
-        } catch (const ProtocolError&) {
-            throw;
-        } catch (const PasswordRequired&) {
-            throw;
-        } catch (const ClientError& e) {
-            lost = e.what();
-        }
-        bool left = false;
-        for (Job* job : which)
-            left = left || !job->finished;
-        if (!left)
-            return;
-        if (m_current && !m_current->finished)
-            ++m_current->outcome.reconnects;
-        if (reconnect.again(m_moved > movedBefore || settled)) {
-            settleFromServer(which);
-            continue;
-        }
-        if (progress)
-            progress->finish();
-        for (Job* job : which)
-            if (!job->finished)
-                job->fail(fmt::format("connection lost ({}); gave up after {} attempts to reconnect; run the "
-                                      "same command again to resume",
-                    lost, reconnect.retries()));
-        return;
-    }
+    for (Job* job : which)
+        if (!job->finished && (!m_current || job == m_current))
+            job->fail(why);
+    return true;
 }
 
 // After a lost connection: a file whose bytes had all gone out may be in
 // place already (the server moves it before it sends its digest); sending it
 // again would only be cut off at the same point.
-void Uploader::settleFromServer(std::vector<Job*>& which)
+void Uploader::reconnected(const std::vector<Job*>& which)
 {
     std::vector<Job*> asked;
-    std::vector<ProtocolClient::DownloadItem> items;
-    for (Job* job : which) {
-        if (job->finished || !job->offsetsKnown)
-            continue;
-        asked.push_back(job);
-        items.push_back({job->outcome.remote, job->outcome.size});
-    }
+    for (Job* job : which)
+        if (!job->finished && job->offsetsKnown)
+            asked.push_back(job);
     if (asked.empty())
         return;
     std::vector<std::string> digests(asked.size());
@@ -243,10 +143,9 @@ void Uploader::settleFromServer(std::vector<Job*>& which)
                 return;
         }
         if (m_options.verify)
-            digests = m_client.remoteDigests(items);
-    } catch (const ServerError& e) {
-        if (m_connect)
-            m_connect();
+            digests = m_client.remoteDigests(digestRequests(asked));
+    } catch (const ServerError&) {
+        recover();
         return;
     } catch (const ClientError&) {
         return; // lost again: the next attempt finds out
@@ -254,13 +153,12 @@ void Uploader::settleFromServer(std::vector<Job*>& which)
     for (std::size_t at = 0; at < asked.size(); ++at) {
         if (m_options.verify && (digests[at].empty() || digests[at] != digestOf(*asked[at])))
             continue;
-        asked[at]->outcome.result = Result::Sent;
         asked[at]->outcome.verified = m_options.verify;
-        asked[at]->finished = true;
+        asked[at]->finish(Result::Moved);
     }
 }
 
-void Uploader::runOnce(std::vector<Job*>& which, TransferProgress* progress)
+void Uploader::runOnce(const std::vector<Job*>& which, TransferProgress* progress)
 {
     std::vector<ProtocolClient::UploadItem> items;
     for (Job* job : which) {
@@ -294,7 +192,7 @@ void Uploader::runOnce(std::vector<Job*>& which, TransferProgress* progress)
     };
     handler.onProgress = [&](std::size_t at, std::int64_t sent, std::int64_t total) {
         m_moved += sent - m_lastSent;
-        which[at]->outcome.sent += sent - m_lastSent;
+        which[at]->outcome.moved += sent - m_lastSent;
         m_lastSent = sent;
         if (progress)
             progress->update(items[at].size - total + sent);
@@ -320,23 +218,8 @@ void Uploader::runOnce(std::vector<Job*>& which, TransferProgress* progress)
             return;
         }
         job.outcome.verified = m_options.verify;
-        job.outcome.result = Result::Sent;
-        job.finished = true;
+        job.finish(Result::Moved);
         settle(job);
     };
     m_client.uploadFiles(items, m_options.verify, handler);
-}
-
-void Uploader::settle(Job& job)
-{
-    if (m_settled && job.finished && !job.reported) {
-        job.reported = true;
-        m_settled(job.outcome);
-    }
-}
-
-void Uploader::reportSettled(std::vector<Job>& jobs)
-{
-    for (auto& job : jobs)
-        settle(job);
 }

@@ -8,6 +8,7 @@
 
 #include "client/ProtocolClient.h"
 #include "client/TransferProgress.h"
+#include "client/TransferRun.h"
 
 // Sends local files to remote paths through one ProtocolClient. A remote
 // file identical to the local one (same size and digest) is left alone; the
@@ -17,13 +18,20 @@
 // (it ends every session a few minutes after it began) the upload reconnects
 // and goes on from the offset the server answers, a bounded number of
 // times. One thread.
-class Uploader {
+// One file of an upload.
+struct UploadJob : TransferJob {
+    std::optional<RemoteFile> info; // what the server lists at the remote path
+    bool absent = false;            // a listing found nothing there
+    std::int64_t modified = 0;      // of the local file
+    std::string digest;             // of the local file, once needed
+    bool offsetsKnown = false;
+};
+
+class Uploader : private TransferRun<UploadJob> {
 public:
-    struct Options {
-        bool verify = true;
-        bool dryRun = false;
-        int retries = 5;
-    };
+    using Options = TransferRunOptions;
+    using Outcome = TransferOutcome;
+    using Result = TransferResult;
 
     struct Item {
         std::string local;
@@ -33,20 +41,6 @@ public:
         // listing found nothing there.
         std::optional<RemoteFile> info;
         bool absent = false;
-    };
-
-    enum class Result { Sent, UpToDate, WouldSend, Failed };
-
-    struct Outcome {
-        std::string local;
-        std::string remote;
-        Result result = Result::Failed;
-        std::int64_t size = 0;        // of the local file
-        std::int64_t resumedFrom = 0; // bytes the server already held
-        std::int64_t sent = 0;        // bytes sent this time
-        bool verified = false;        // digest compared and equal
-        int reconnects = 0;           // connections lost while it moved
-        std::string error;
     };
 
     Uploader(ProtocolClient& client, Options options, std::function<void()> connect = {});
@@ -60,23 +54,13 @@ public:
     static std::string remotePath(const std::string& folder, const std::string& name);
 
 private:
-    struct Job;
-    void describe(std::vector<Job>& jobs);
-    void decide(std::vector<Job>& jobs);
-    void transfer(std::vector<Job>& jobs, TransferProgress* progress);
-    void runOnce(std::vector<Job*>& which, TransferProgress* progress);
-    void settleFromServer(std::vector<Job*>& which);
-    std::string digestOf(Job& job);
+    void plan(std::vector<UploadJob>& jobs) override;
+    void describe(std::vector<UploadJob>& jobs);
+    void decide(std::vector<UploadJob>& jobs);
+    void runOnce(const std::vector<UploadJob*>& which, TransferProgress* progress) override;
+    bool refused(const std::vector<UploadJob*>& which, const std::string& why) override;
+    void reconnected(const std::vector<UploadJob*>& which) override;
+    std::string digestOf(UploadJob& job);
 
-    // Hands a finished file not yet reported (or every one) to m_settled.
-    void settle(Job& job);
-    void reportSettled(std::vector<Job>& jobs);
-
-    ProtocolClient& m_client;
-    std::function<void(const Outcome&)> m_settled;
-    Options m_options;
-    std::function<void()> m_connect;
-    std::int64_t m_moved = 0;
     std::int64_t m_lastSent = 0; // of the file on its way
-    Job* m_current = nullptr; // whose data is on its way
 };

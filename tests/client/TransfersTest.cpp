@@ -117,13 +117,13 @@ TEST_F(TransfersTest, GetReplacesAFileOnlyWithAVerifiedCompleteCopy)
         {item("stale"), item("shorter"), item("same"), item("partial"), item("badpart"), item("missing")}, &progress);
     ASSERT_EQ(outcomes.size(), 6u);
     using R = Downloader::Result;
-    EXPECT_EQ(outcomes[0].result, R::Fetched);
-    EXPECT_EQ(outcomes[1].result, R::Fetched);
+    EXPECT_EQ(outcomes[0].result, R::Moved);
+    EXPECT_EQ(outcomes[1].result, R::Moved);
     EXPECT_EQ(outcomes[1].resumedFrom, 0);
     EXPECT_EQ(outcomes[2].result, R::UpToDate);
     EXPECT_EQ(outcomes[3].resumedFrom, 600000);
-    EXPECT_EQ(outcomes[3].received, 100000);
-    EXPECT_EQ(outcomes[4].result, R::Fetched); // resumed, failed its digest, fetched whole
+    EXPECT_EQ(outcomes[3].moved, 100000);
+    EXPECT_EQ(outcomes[4].result, R::Moved); // resumed, failed its digest, fetched whole
     EXPECT_EQ(outcomes[5].error, "no such file on the server");
     EXPECT_EQ(readFile(local("stale")), "new content");
     EXPECT_EQ(readFile(local("shorter")), "0123456789");
@@ -145,7 +145,7 @@ TEST_F(TransfersTest, GetWithoutDigestsTakesSizeAndDateForIdentity)
     Downloader::Options options;
     options.verify = false;
     options.dryRun = true;
-    EXPECT_EQ(downloader(options).fetch({item("f")})[0].result, Downloader::Result::WouldFetch);
+    EXPECT_EQ(downloader(options).fetch({item("f")})[0].result, Downloader::Result::WouldMove);
     EXPECT_EQ(readFile(local("f")), "local!");
     LocalFile::setModified(local("f"), 1'600'000'000);
     EXPECT_EQ(downloader(options).fetch({item("f")})[0].result, Downloader::Result::UpToDate);
@@ -163,7 +163,7 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
 
     connect();
     auto got = downloader().fetch({item("big")}, &progress);
-    EXPECT_EQ(got[0].result, Downloader::Result::Fetched) << got[0].error;
+    EXPECT_EQ(got[0].result, Downloader::Result::Moved) << got[0].error;
     EXPECT_TRUE(got[0].verified);
     EXPECT_GT(got[0].reconnects, 0);
     EXPECT_EQ(readFile(local("big")), content);
@@ -174,12 +174,12 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
     connect();
     Uploader uploader(m_client, {}, [this] { connect(); });
     auto sent = uploader.send({{local("up"), remote("up"), std::nullopt, false}}, &progress);
-    EXPECT_EQ(sent[0].result, Uploader::Result::Sent) << sent[0].error;
+    EXPECT_EQ(sent[0].result, Uploader::Result::Moved) << sent[0].error;
     EXPECT_TRUE(sent[0].verified);
     EXPECT_GT(sent[0].reconnects, 0);
     EXPECT_EQ(readFile(remote("up")), content);
     EXPECT_FALSE(progress.notes.empty());
-    EXPECT_EQ(sent[0].sent, 6'000'000);
+    EXPECT_EQ(sent[0].moved, 6'000'000);
 }
 
 TEST_F(TransfersTest, PutSkipsIdenticalFilesAndSendsOnlyWhatTheServerLacks)
@@ -199,9 +199,9 @@ TEST_F(TransfersTest, PutSkipsIdenticalFilesAndSendsOnlyWhatTheServerLacks)
     auto to = [&](const std::string& name) { return Uploader::Item{local(name), remote("dir/" + name), {}, false}; };
     auto outcomes = uploader.send({to("song.mp3"), to("same"), to("empty"), to("folder"), to("nothing here")}, &progress);
     ASSERT_EQ(outcomes.size(), 5u);
-    EXPECT_EQ(outcomes[0].result, Uploader::Result::Sent) << outcomes[0].error;
+    EXPECT_EQ(outcomes[0].result, Uploader::Result::Moved) << outcomes[0].error;
     EXPECT_EQ(outcomes[0].resumedFrom, 200000);
-    EXPECT_EQ(outcomes[0].sent, 1000000);
+    EXPECT_EQ(outcomes[0].moved, 1000000);
     EXPECT_TRUE(outcomes[0].verified);
     EXPECT_EQ(outcomes[1].result, Uploader::Result::UpToDate);
     EXPECT_TRUE(outcomes[2].verified);
