@@ -10,6 +10,7 @@
 #include "session/SessionTestHelpers.h"
 #include "session/SocketServer.h"
 #include "wire/BitHelper.h"
+#include "wire/Paths.h"
 #include "wire/StreamIO.h"
 
 using namespace std::chrono_literals;
@@ -37,9 +38,10 @@ TEST_F(SessionLoop, IdentifyAuthenticatesWhateverThePassword)
 
     // Authenticated now: a wrong password costs one code-16 packet, then the
     // command is answered (here: a command that needs the login).
-    c->sendCommandWithPassword(33, "wrong");
+    c->sendCommandWithPassword(18, "wrong");
     EXPECT_EQ(replyBytes(*c, 18), passwordRequired());
-    EXPECT_EQ(replyBytes(*c, 19), StreamIO::dataPacket(33, BitHelper::encodeBool(true)));
+    const auto home = Paths::expandTilde(server.settings().getBasePath());
+    EXPECT_EQ(replyBytes(*c, 18 + 8 + home.size()), StreamIO::dataPacket(18, BitHelper::encodeString(home)));
 
     EXPECT_TRUE(server.log().waitFor("Identifying host: " + id));
     EXPECT_TRUE(server.log().contains("Received password: "));
