@@ -127,41 +127,38 @@ TEST_F(FolderQueriesTest, SmallQueriesExpandTildeOnlyWherePhonesExpectIt)
         EXPECT_TRUE(log.contains(line)) << line;
 }
 
-TEST_F(FolderQueriesTest, FolderInfoAndFoldersInFolderDescribeRealFoldersOnly)
+TEST_F(FolderQueriesTest, ListingsDescribeWhatIsDirectlyInsideAFolder)
 {
     makeTree();
     expectQuery(&FolderQueries::folderInfo, Command::FolderInfo, text(m_root),
         BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(m_root)));
     EXPECT_TRUE(log.contains("Folder info: " + m_root));
 
-    std::vector<DirSyncInfo> want;
+    std::vector<DirSyncInfo> folders;
     for (const auto& name : listing(m_root, fs::file_type::directory))
-        want.push_back(DirSyncInfo::initFromPath(m_root + "/" + name));
-    ASSERT_EQ(want.size(), 3u); // sub1, sub2 and the hidden one; not the link
+        folders.push_back(DirSyncInfo::initFromPath(m_root + "/" + name));
+    ASSERT_EQ(folders.size(), 3u); // sub1, sub2 and the hidden one; not the link
     expectQuery(&FolderQueries::foldersInFolder, Command::FoldersInFolder, text(m_root),
-        BitHelper::encodeDirSyncInfoArray(want));
+        BitHelper::encodeDirSyncInfoArray(folders));
     EXPECT_TRUE(log.contains("Folders in folder: " + m_root));
     EXPECT_TRUE(log.contains(m_root + "/.hid"));
+
+    // Files: every regular file, .DS_Store and partials included. A folder
+    // sent with a trailing "/" still gets "/" and the name appended.
+    const std::string sent = m_root + "/";
+    std::vector<FileSyncInfo> files;
+    for (const auto& name : listing(m_root, fs::file_type::regular))
+        files.push_back(FileSyncInfo::initFromPath(sent + "/" + name));
+    ASSERT_EQ(files.size(), 4u); // a.txt, .DS_Store, part.zandrel, empty.bin
+    expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(sent),
+        BitHelper::encodeFileSyncInfoArray(files));
+    EXPECT_TRUE(log.contains("Files in folder: " + sent));
+    EXPECT_TRUE(log.contains(sent + "/part.zandrel"));
+    expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(m_root + "/sub2"), number(0));
 
     // A plain file is no folder: the error ends the session.
     session->start([this] { session->folders.folderInfo(); }, text(m_root + "/a.txt"));
     session->expectFailure(Command::FolderInfo, "Path " + m_root + "/a.txt does not exist.");
-}
-
-TEST_F(FolderQueriesTest, FilesInFolderListsEveryRegularFileSkipNamesIncluded)
-{
-    makeTree();
-    // A folder sent with a trailing "/" still gets "/" and the name appended.
-    const std::string sent = m_root + "/";
-    std::vector<FileSyncInfo> want;
-    for (const auto& name : listing(m_root, fs::file_type::regular))
-        want.push_back(FileSyncInfo::initFromPath(sent + "/" + name));
-    ASSERT_EQ(want.size(), 4u); // a.txt, .DS_Store, part.zandrel, empty.bin
-    expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(sent),
-        BitHelper::encodeFileSyncInfoArray(want));
-    EXPECT_TRUE(log.contains("Files in folder: " + sent));
-    EXPECT_TRUE(log.contains(sent + "/part.zandrel"));
-    expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(m_root + "/sub2"), number(0));
 }
 
 TEST_F(FolderQueriesTest, WalksStreamTheTreeInWalkOrder)

@@ -31,8 +31,7 @@ public:
     HandlerSession(const Settings& settings, const UIBridge& bridge) : m_settings(settings), m_bridge(bridge) {}
     ~HandlerSession() override
     {
-        // A command still waiting for the phone fails as when it goes away.
-        phone.close();
+        phone.close(); // a command still waiting for the phone fails
         if (m_thread.joinable())
             m_thread.join();
     }
@@ -42,8 +41,7 @@ public:
     {
         if (m_thread.joinable())
             m_thread.join();
-        if (!fields.empty())
-            phone.sendRaw(fields);
+        phone.sendRaw(fields);
         m_failure = nullptr;
         m_thread = std::thread([this, command = std::move(command)] {
             try {
@@ -61,8 +59,7 @@ public:
     // than what was read, so the session would go on with the next command.
     void expectAnswered()
     {
-        m_thread.join();
-        EXPECT_FALSE(m_failure) << "the command failed";
+        EXPECT_FALSE(failed()) << "the command failed";
         pollfd unread[] = {{m_streams.input->fd(), POLLIN, 0}, {phone.fd(), POLLIN, 0}};
         ASSERT_GE(::poll(unread, 2, 0), 0);
         EXPECT_FALSE(unread[0].revents & POLLIN) << "fields left unread";
@@ -84,7 +81,6 @@ public:
     }
 
     SyncClient phone;
-    std::atomic<bool> answerable{true};
 
 private:
     static StreamPair openPair(SyncClient& phone)
@@ -107,30 +103,24 @@ private:
 
     const Settings& m_settings;
     const UIBridge& m_bridge;
+    std::atomic<bool> m_answerable{true};
     StreamPair m_streams = openPair(phone);
     StreamIO m_io{*m_streams.input, *m_streams.output, *this};
-    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, answerable};
+    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, m_answerable};
+    std::thread m_thread;
+    std::exception_ptr m_failure;
 
 public:
     FolderQueries folders{m_context};
     FileTransfer transfers{m_context};
     FileSystemOps fileOps{m_context};
-
-private:
-    std::thread m_thread;
-    std::exception_ptr m_failure;
 };
 
 // A temporary $HOME, settings with logging on, a captured log, and one
 // session's handlers; more sessions on demand.
 class HandlerTest : public ::testing::Test {
 protected:
-    HandlerTest()
-    {
-        settings->setTrace(true);
-        bridge = std::make_shared<UIBridge>(settings);
-        session = newSession();
-    }
+    HandlerTest() { settings->setTrace(true); }
 
     std::unique_ptr<HandlerSession> newSession() { return std::make_unique<HandlerSession>(*settings, *bridge); }
     std::filesystem::path at(const std::string& relative) const { return home.path() / relative; }
@@ -138,6 +128,6 @@ protected:
     TempHome home;
     CapturedLog log;
     std::shared_ptr<Settings> settings = std::make_shared<Settings>(Settings::NoLoginItems{});
-    std::shared_ptr<UIBridge> bridge;
-    std::unique_ptr<HandlerSession> session;
+    std::shared_ptr<UIBridge> bridge = std::make_shared<UIBridge>(settings);
+    std::unique_ptr<HandlerSession> session = newSession();
 };
