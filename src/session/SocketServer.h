@@ -30,7 +30,9 @@ public:
 };
 
 // One phone's session: its own thread reads one command at a time, applies
-// the password rule and hands the command to its handler. Created on the
+// the password rule and hands the command to its handler through the
+// dispatch table (identify, start and finish sync and unknown codes are
+// answered here; the rest by the handler classes). Created on the
 // server thread; the lifetime timer fires there too and only closes streams,
 // which ends the session at once, as a peer going away does.
 class SocketServer : public std::enable_shared_from_this<SocketServer>, private StreamLogger {
