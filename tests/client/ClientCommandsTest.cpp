@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
@@ -17,6 +18,7 @@
 
 namespace fs = std::filesystem;
 using namespace ClientCommands;
+using ::testing::HasSubstr;
 
 namespace {
 
@@ -46,20 +48,20 @@ protected:
 TEST_F(ClientCommandsTest, FailuresSayWhatToCheck)
 {
     EXPECT_EQ(identify(m_target, m_console), Ok);
-    EXPECT_NE(m_out.str().find("password   matches"), std::string::npos) << m_out.str();
+    EXPECT_THAT(m_out.str(), HasSubstr("password   matches"));
 
     HeldPort closed(false); // bound, not listening: connecting is refused
     Target nowhere = m_target;
     nowhere.port = closed.port();
     EXPECT_EQ(identify(nowhere, m_console), NoConnection);
-    EXPECT_NE(m_err.str().find("127.0.0.1:" + std::to_string(closed.port())), std::string::npos) << m_err.str();
-    EXPECT_NE(m_err.str().find("refused"), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("127.0.0.1:" + std::to_string(closed.port())));
+    EXPECT_THAT(m_err.str(), HasSubstr("refused"));
 
     clear();
     Target wrong = m_target;
     wrong.passwordHash = "WRONG";
     EXPECT_EQ(list(wrong, at(""), false, m_console), BadPassword);
-    EXPECT_NE(m_err.str().find("refused the password"), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("refused the password"));
 
     clear();
     EXPECT_EQ(makeFolders(m_target, {"relative/path"}, m_console), Usage);
@@ -68,7 +70,7 @@ TEST_F(ClientCommandsTest, FailuresSayWhatToCheck)
     EXPECT_EQ(get(m_target, {"/"}, at("into"), recursive, m_console), Usage); // never into the root
     EXPECT_FALSE(fs::exists(at("into")));
     EXPECT_EQ(list(m_target, "~/Music", false, m_console), Usage);
-    EXPECT_NE(m_err.str().find("does not expand ~"), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("does not expand ~"));
     EXPECT_FALSE(fs::exists(at("relative")));
 }
 
@@ -80,14 +82,14 @@ TEST_F(ClientCommandsTest, ListsAndTreesReadAsAPersonExpects)
     EXPECT_EQ(list(m_target, at("t") + "/", false, m_console), Ok);
     std::string listing = m_out.str();
     EXPECT_EQ(listing.find("d  "), 0u) << listing; // folders first
-    EXPECT_NE(listing.find("3  b.txt\n"), std::string::npos) << listing;
-    EXPECT_NE(listing.find("  s/\n"), std::string::npos) << listing;
+    EXPECT_THAT(listing, HasSubstr("3  b.txt\n"));
+    EXPECT_THAT(listing, HasSubstr("  s/\n"));
 
     clear();
     EXPECT_EQ(list(m_target, at("t/b.txt"), false, m_console), Ok);
     EXPECT_EQ(m_out.str().find(at("t/b.txt") + " is a file, 3 bytes"), 0u) << m_out.str();
     EXPECT_EQ(list(m_target, at("t/nothing"), false, m_console), Failed);
-    EXPECT_NE(m_err.str().find("no such file or folder"), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("no such file or folder"));
 
     clear();
     TreeOptions sorted;
@@ -109,17 +111,10 @@ TEST_F(ClientCommandsTest, JsonForScripts)
     EXPECT_EQ(list(m_target, at("j"), true, m_console), Ok);
     EXPECT_EQ(tree(m_target, at("j"), json, m_console), Ok);
     EXPECT_EQ(freeSpace(m_target, at("j"), true, m_console), Ok);
-    std::istringstream lines(m_out.str());
-    std::string ls, walk, df;
-    std::getline(lines, ls);
-    std::getline(lines, walk);
-    std::getline(lines, df);
-    EXPECT_NE(ls.find("\"files\": [{\"path\": \"" + at("j/q\\\"uote") + "\", \"name\": \"q\\\"uote\", "
-                      "\"type\": \"file\", \"size\": 2"),
-        std::string::npos)
-        << ls;
-    EXPECT_NE(walk.find("\"totals\": {\"folders\": 1, \"files\": 1, \"bytes\": 2}}"), std::string::npos) << walk;
-    EXPECT_EQ(df.find("{\"path\": \"" + at("j") + "\", \"free\": "), 0u) << df;
+    EXPECT_THAT(m_out.str(), HasSubstr("\"files\": [{\"path\": \"" + at("j/q\\\"uote")
+                                 + "\", \"name\": \"q\\\"uote\", \"type\": \"file\", \"size\": 2"));
+    EXPECT_THAT(m_out.str(), HasSubstr("\"totals\": {\"folders\": 1, \"files\": 1, \"bytes\": 2}}\n"));
+    EXPECT_THAT(m_out.str(), HasSubstr("\n{\"path\": \"" + at("j") + "\", \"free\": "));
 }
 
 TEST_F(ClientCommandsTest, FileSystemCommandsSayWhichItemsFailed)
@@ -129,21 +124,21 @@ TEST_F(ClientCommandsTest, FileSystemCommandsSayWhichItemsFailed)
     m_server.home().write("m/sub/c", "c");
     EXPECT_EQ(makeFolders(m_target, {at("m/new/deep"), at("m/a/x"), at("m/b")}, m_console), Failed);
     EXPECT_TRUE(fs::is_directory(at("m/new/deep")));
-    EXPECT_NE(m_out.str().find("created " + at("m/new/deep") + "/"), std::string::npos) << m_out.str();
-    EXPECT_NE(m_err.str().find("mkdir " + at("m/b") + ": a file is in the way"), std::string::npos) << m_err.str();
-    EXPECT_NE(m_err.str().find("mkdir " + at("m/a/x") + ": "), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_out.str(), HasSubstr("created " + at("m/new/deep") + "/"));
+    EXPECT_THAT(m_err.str(), HasSubstr("mkdir " + at("m/b") + ": a file is in the way"));
+    EXPECT_THAT(m_err.str(), HasSubstr("mkdir " + at("m/a/x") + ": "));
 
     clear();
     EXPECT_EQ(move(m_target, at("m/a"), at("m/b"), m_console), Failed);
-    EXPECT_NE(m_err.str().find("exists already"), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("exists already"));
     EXPECT_EQ(move(m_target, at("m/a"), at("m/a2"), m_console), Ok);
     EXPECT_EQ(readFile(at("m/a2")), "a");
 
     clear();
     EXPECT_EQ(removeFiles(m_target, {at("m/a2"), at("m/gone"), at("m/sub")}, m_console), Failed);
     EXPECT_FALSE(fs::exists(at("m/a2")));
-    EXPECT_NE(m_err.str().find("rm " + at("m/gone") + ": no such file"), std::string::npos) << m_err.str();
-    EXPECT_NE(m_err.str().find("rm " + at("m/sub") + ": is a folder"), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("rm " + at("m/gone") + ": no such file"));
+    EXPECT_THAT(m_err.str(), HasSubstr("rm " + at("m/sub") + ": is a folder"));
     EXPECT_TRUE(fs::exists(at("m/sub/c")));
     EXPECT_EQ(removeFolders(m_target, {at("m/b")}, m_console), Failed);
     EXPECT_EQ(removeFolders(m_target, {at("m/new")}, m_console), Ok);
@@ -151,7 +146,7 @@ TEST_F(ClientCommandsTest, FileSystemCommandsSayWhichItemsFailed)
 
     clear();
     EXPECT_EQ(freeSpace(m_target, at("m/b"), false, m_console), Failed);
-    EXPECT_NE(m_err.str().find("Path " + at("m/b") + " does not exist."), std::string::npos) << m_err.str();
+    EXPECT_THAT(m_err.str(), HasSubstr("Path " + at("m/b") + " does not exist."));
 }
 
 TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
@@ -165,7 +160,7 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
     EXPECT_EQ(put(m_target, {at("src")}, at("up"), recursive, m_console), Ok) << m_err.str();
     EXPECT_EQ(readFile(at("up/src/sub/b.txt")), "bb");
     EXPECT_TRUE(fs::is_directory(at("up/src/empty")));
-    EXPECT_NE(m_out.str().find("sent 2 files, 5 B; 0 up to date; 0 failed"), std::string::npos) << m_out.str();
+    EXPECT_THAT(m_out.str(), HasSubstr("sent 2 files, 5 B; 0 up to date; 0 failed"));
     m_server.home().write("src/a.txt", "AAA"); // same size, other bytes
     clear();
     EXPECT_EQ(put(m_target, {at("src")}, at("up"), recursive, m_console), Ok) << m_err.str();
@@ -181,9 +176,8 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
     m_server.home().write("up/src/sub/new", "n");
     clear();
     EXPECT_EQ(get(m_target, {at("up/src")}, at("down"), recursive, m_console), Ok) << m_err.str();
-    EXPECT_NE(m_out.str().find("would get " + at("down/src/sub/new") + "  (1 bytes)"), std::string::npos)
-        << m_out.str();
-    EXPECT_NE(m_out.str().find("would get 1 file, 1 B; 2 up to date; 0 failed"), std::string::npos) << m_out.str();
+    EXPECT_THAT(m_out.str(), HasSubstr("would get " + at("down/src/sub/new") + "  (1 bytes)"));
+    EXPECT_THAT(m_out.str(), HasSubstr("would get 1 file, 1 B; 2 up to date; 0 failed"));
     EXPECT_FALSE(fs::exists(at("down/src/sub/new")));
 
     // "." is the current folder, and is copied under its own name.

@@ -78,6 +78,14 @@ protected:
             ::setsockopt(m_client.connection().fd(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
         }
     }
+    // Writes a file below the home folder, dated `modified` when given.
+    std::string write(const std::string& relative, const std::string& content, std::int64_t modified = 0)
+    {
+        auto path = m_server.home().write(relative, content).string();
+        if (modified != 0)
+            LocalFile::setModified(path, modified);
+        return path;
+    }
     std::string remote(const std::string& relative) { return (m_server.home().path() / "remote" / relative).string(); }
     std::string local(const std::string& name) { return (m_local / name).string(); }
     Downloader::Item item(const std::string& name) { return {remote(name), local(name), std::nullopt}; }
@@ -95,22 +103,18 @@ protected:
 TEST_F(TransfersTest, GetReplacesAFileOnlyWithAVerifiedCompleteCopy)
 {
     const std::string content(700000, 'z');
-    m_server.home().write("remote/stale", "new content");
-    m_server.home().write("remote/shorter", "0123456789");
-    m_server.home().write("remote/same", "same");
-    m_server.home().write("remote/partial", content);
-    m_server.home().write("remote/badpart", "0123456789");
-    m_server.home().write("local/stale", "old content"); // same size, other bytes
-    m_server.home().write("local/shorter", "XXXX");      // never spliced onto
-    m_server.home().write("local/same", "same");
-    LocalFile::setModified(local("same"), 1'000'000'000);
+    const std::string part = Downloader::kPartialSuffix;
+    write("remote/stale", "new content");
+    write("local/stale", "old content"); // same size, other bytes
+    write("remote/shorter", "0123456789");
+    write("local/shorter", "XXXX"); // never spliced onto
+    write("remote/same", "same");
+    write("local/same", "same", 1'000'000'000);
     // Our partial files count only when dated like the remote file.
-    LocalFile::setModified(remote("partial"), 1'500'000'000);
-    LocalFile::setModified(remote("badpart"), 1'500'000'000);
-    m_server.home().write("local/partial" + std::string(Downloader::kPartialSuffix), content.substr(0, 600000));
-    LocalFile::setModified(Downloader::partialPath(local("partial")), 1'500'000'000);
-    m_server.home().write("local/badpart" + std::string(Downloader::kPartialSuffix), "XXXXX");
-    LocalFile::setModified(Downloader::partialPath(local("badpart")), 1'500'000'000);
+    write("remote/partial", content, 1'500'000'000);
+    write("local/partial" + part, content.substr(0, 600000), 1'500'000'000);
+    write("remote/badpart", "0123456789", 1'500'000'000);
+    write("local/badpart" + part, "XXXXX", 1'500'000'000);
 
     RecordingProgress progress;
     auto outcomes = downloader().fetch(
@@ -139,9 +143,8 @@ TEST_F(TransfersTest, GetReplacesAFileOnlyWithAVerifiedCompleteCopy)
 
 TEST_F(TransfersTest, GetWithoutDigestsTakesSizeAndDateForIdentity)
 {
-    m_server.home().write("remote/f", "server");
-    m_server.home().write("local/f", "local!");
-    LocalFile::setModified(remote("f"), 1'600'000'000);
+    write("remote/f", "server", 1'600'000'000);
+    write("local/f", "local!");
     Downloader::Options options;
     options.verify = false;
     options.dryRun = true;
@@ -154,8 +157,8 @@ TEST_F(TransfersTest, GetWithoutDigestsTakesSizeAndDateForIdentity)
 TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
 {
     const std::string content(6'000'000, 'q');
-    m_server.home().write("remote/big", content);
-    m_server.home().write("local/up", content);
+    write("remote/big", content);
+    write("local/up", content);
     shortenSessions(m_server, 300ms);
     RecordingProgress progress;
     progress.delay = 2ms;
@@ -185,14 +188,13 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
 TEST_F(TransfersTest, PutSkipsIdenticalFilesAndSendsOnlyWhatTheServerLacks)
 {
     const std::string content(1200000, 'p');
-    m_server.home().write("local/song.mp3", content);
-    m_server.home().write("local/same", "same");
-    m_server.home().write("local/empty", "");
-    m_server.home().write("local/folder", "a file");
-    m_server.home().write("remote/dir/same", "same");
-    m_server.home().write("remote/dir/song.mp3.zandrel", content.substr(0, 200000));
+    write("local/song.mp3", content, 1'234'567'890);
+    write("local/same", "same");
+    write("local/empty", "");
+    write("local/folder", "a file");
+    write("remote/dir/same", "same");
+    write("remote/dir/song.mp3.zandrel", content.substr(0, 200000));
     fs::create_directories(remote("dir/folder"));
-    LocalFile::setModified(local("song.mp3"), 1'234'567'890);
 
     RecordingProgress progress;
     Uploader uploader(m_client, {}, [this] { connect(); });
