@@ -147,7 +147,8 @@ TEST_F(SessionLoop, PasswordCutMidwayEndsTheSessionWithCode15)
 {
     // Cut inside the password's bytes, and inside its length.
     const std::vector<std::pair<Bytes, std::string>> cuts = {
-        {SessionTest::join({SessionTest::number(32), Bytes{'A', 'B', 'C'}}), "0 returned while trying to verifying password"},
+        {SessionTest::join({SessionTest::number(32), Bytes{'A', 'B', 'C'}}),
+            "0 returned while trying to verifying password"},
         {Bytes{1, 0}, "0 returned while trying to get length of string"}};
     for (const auto& [sent, reason] : cuts) {
         auto c = server.connect();
@@ -168,7 +169,8 @@ TEST_F(SessionLoop, PeerLeavingBetweenCommandsLogsTheSessionLinesOnly)
     c->readExact(19);
     c->close();
     ASSERT_TRUE(server.log().waitFor("Connection closed."));
-    std::vector<std::string> expected{"Added connection.", "Command: 17, Len = " + std::to_string(8 + server.hash().size()),
+    std::vector<std::string> expected{"Added connection.",
+        "Command: 17, Len = " + std::to_string(8 + server.hash().size()),
         "Received password: " + server.hash(), "Authenticated.", "Starting sync.", "Connection closed."};
     auto lines = server.log().lines();
     auto first = std::find(lines.begin(), lines.end(), "Added connection.");
