@@ -5,27 +5,13 @@
 #include <string>
 
 #include "records/FileKind.h"
+#include "wire/RecordFields.h"
 
 // One file as reported to the phone: its path in parts, kind, size, dates,
 // attribute flags and, once a listing has computed it, its MD5 text.
 // A plain value, built per request and encoded at once.
-class FileSyncInfo {
+class FileSyncInfo : public FileRecordFields {
 public:
-    std::string fullName;
-    std::string parent;
-    std::string name;
-    std::string extension;
-    RecordField::Kind kind = FileKindOther;
-    RecordField::Size size = 0;
-    RecordField::Date created = 0;
-    RecordField::Date modified = 0;
-    // Never set on this platform; on the wire all the same.
-    bool archive = false;
-    bool compressed = false;
-    bool encrypted = false;
-    bool hidden = false;
-    bool readonly = false;
-    bool system = false;
     // Lower-case hex MD5, filled in only by the recursive listing.
     std::optional<std::string> hash;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 // The field types the wire fixes for file and folder records, shared by the
 // server that builds records and the client that reads them back.
@@ -29,4 +30,41 @@ enum FileKind : RecordField::Kind {
     FileKindPhoto = 6,
     FileKindVideo = 7,
     FileKindWeb = 8,
+};
+
+// The fields a folder record carries, in the order they go on the wire.
+struct FolderRecordFields {
+    std::string fullName;
+    std::string parent;
+    std::string name;
+    RecordField::Date created = 0;
+    RecordField::Date modified = 0;
+    // Never set by this server; on the wire all the same.
+    bool archive = false;
+    bool compressed = false;
+    bool encrypted = false;
+    bool hidden = false;
+    bool readonly = false;
+    bool system = false;
+    RecordField::FileCount fileCount = 0;
+};
+
+// The fields a file record carries before its digest, in wire order. The
+// digest text follows them; whether it may be absent is each side's matter.
+struct FileRecordFields {
+    std::string fullName;
+    std::string parent;
+    std::string name;
+    std::string extension;
+    RecordField::Kind kind = FileKindOther;
+    RecordField::Size size = 0;
+    RecordField::Date created = 0;
+    RecordField::Date modified = 0;
+    // Never set by this server; on the wire all the same.
+    bool archive = false;
+    bool compressed = false;
+    bool encrypted = false;
+    bool hidden = false;
+    bool readonly = false;
+    bool system = false;
 };
