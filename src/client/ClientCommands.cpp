@@ -36,10 +36,7 @@ std::string dateText(std::int64_t seconds)
 
 std::string orDefaultPath(ProtocolClient& client, const std::string& path)
 {
-    if (path.empty())
-        return client.defaultPath();
-    requireAbsolute(path);
-    return trimmed(path);
+    return path.empty() ? client.defaultPath() : trimmed(path);
 }
 
 } // namespace
@@ -215,16 +212,25 @@ std::optional<RemoteFile> findFile(ProtocolClient& client, const std::string& pa
     return std::nullopt;
 }
 
-} // namespace
-
-int list(const Target& target, const std::string& path, bool json, Console& console)
+// Runs `body` on a fresh connection with the folder the command names, or
+// the server's default folder; a relative path is refused before connecting.
+int inFolder(const Target& target, const std::string& path, Console& console,
+    const std::function<int(ProtocolClient&, const std::string&)>& body)
 {
     return guard(target, console, [&] {
         if (!path.empty())
             requireAbsolute(path);
         ProtocolClient client;
         open(client, target);
-        auto folder = orDefaultPath(client, path);
+        return body(client, orDefaultPath(client, path));
+    });
+}
+
+} // namespace
+
+int list(const Target& target, const std::string& path, bool json, Console& console)
+{
+    return inFolder(target, path, console, [&](ProtocolClient& client, const std::string& folder) {
         if (!client.pathExists(folder)) {
             auto file = findFile(client, folder);
             if (!file) {
@@ -343,12 +349,7 @@ struct WalkedTree {
 
 int tree(const Target& target, const std::string& path, const TreeOptions& options, Console& console)
 {
-    return guard(target, console, [&] {
-        if (!path.empty())
-            requireAbsolute(path);
-        ProtocolClient client;
-        open(client, target);
-        auto root = orDefaultPath(client, path);
+    return inFolder(target, path, console, [&](ProtocolClient& client, const std::string& root) {
         TreePrinter printer(options, console);
         ProtocolClient::TreeHandler handler;
         WalkedTree walked;
@@ -490,12 +491,7 @@ int move(const Target& target, const std::string& from, const std::string& to, C
 
 int freeSpace(const Target& target, const std::string& path, bool json, Console& console)
 {
-    return guard(target, console, [&] {
-        if (!path.empty())
-            requireAbsolute(path);
-        ProtocolClient client;
-        open(client, target);
-        auto folder = orDefaultPath(client, path);
+    return inFolder(target, path, console, [&](ProtocolClient& client, const std::string& folder) {
         auto free = client.freeSpace(folder);
         if (json)
             console.out << fmt::format("{{\"path\": {}, \"free\": {}}}\n", Json::quote(folder), free);
