@@ -51,15 +51,6 @@ public:
     std::chrono::milliseconds delay{0};
 };
 
-// Restarts the server with sessions that end this soon after they begin, as
-// they do after 360 s.
-void shortenSessions(LoopbackServer& server, std::chrono::milliseconds lifetime)
-{
-    server.stop();
-    server.app().setSessionLifetime(lifetime);
-    server.start();
-}
-
 class TransfersTest : public ::testing::Test {
 protected:
     TransfersTest()
@@ -159,7 +150,10 @@ TEST_F(TransfersTest, TransfersOutliveTheServersSessionLimit)
     const std::string content(6'000'000, 'q');
     write("remote/big", content);
     write("local/up", content);
-    shortenSessions(m_server, 300ms);
+    // Sessions end this soon after they begin, as they do after 360 s.
+    m_server.stop();
+    m_server.app().setSessionLifetime(300ms);
+    m_server.start();
     RecordingProgress progress;
     progress.delay = 2ms;
     m_smallBuffers = true; // or the socket buffers hold much of the file
