@@ -19,8 +19,8 @@
 
 #include <asio/io_context.hpp>
 
-#include "app/SystemLog.h"
-#include "app/UIBridge.h"
+#include "log/SystemLog.h"
+#include "bridge/UIBridge.h"
 #include "session/SocketServer.h"
 #include "settings/Settings.h"
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "app/SystemLog.h"
+#include "log/SystemLog.h"
 #include "settings/PlistFile.h"
 #include "settings/Settings.h"
 

@@ -14,10 +14,9 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "app/App.h"
-#include "app/SystemLog.h"
-#include "session/SocketServer.h"
 #include "settings/Settings.h"
+#include "session/SocketServer.h"
+#include "server/App.h"
 
 namespace {
 
@@ -40,39 +39,21 @@ Options:
   --version        show the version and exit
 )";
 
-// Passes every line on to the chosen sink and keeps the lines written while
-// the settings load, so that a broken settings file can be named on the
-// terminal as well as in the log.
-class LoadWatch : public LogSink {
-public:
-    explicit LoadWatch(std::shared_ptr<LogSink> next) : m_next(std::move(next)) {}
-    void write(std::string_view line) override
-    {
-        m_lines.emplace_back(line);
-        m_next->write(line);
-    }
-    const std::vector<std::string>& lines() const { return m_lines; }
-
-private:
-    std::shared_ptr<LogSink> m_next;
-    std::vector<std::string> m_lines;
-};
-
+// Keeps the lines written while the settings load, so that a broken
+// settings file can be named on the terminal as well as in the log.
 std::shared_ptr<Settings> loadSettings(bool logStderr)
 {
-    std::shared_ptr<LogSink> sink = logStderr ? std::shared_ptr<LogSink>(std::make_shared<StderrSink>())
-                                              : std::shared_ptr<LogSink>(std::make_shared<SyslogSink>());
-    auto watch = std::make_shared<LoadWatch>(sink);
-    SystemLog::setSink(watch);
+    App::logToStandardError(logStderr);
+    std::shared_ptr<Settings> settings;
     // Start at login belongs to the desktop application: the daemon neither
     // adds nor removes a login item.
-    auto settings = std::make_shared<Settings>(Settings::NoLoginItems{});
-    SystemLog::setSink(sink);
+    const auto lines =
+        App::linesLoggedDuring([&] { settings = std::make_shared<Settings>(Settings::NoLoginItems{}); });
     // With --log-stderr, standard error carries log lines only, and the line
     // itself is already there.
-    if (logStderr || watch->lines().empty())
+    if (logStderr || lines.empty())
         return settings;
-    for (const auto& line : watch->lines())
+    for (const auto& line : lines)
         std::cerr << "zandrel-syncd: " << line << "\n";
     std::cerr << fmt::format("zandrel-syncd: the settings file {} could not be read; serving with the default "
                              "settings. Correct or remove the file (it is rewritten when settings are saved).\n",

@@ -18,8 +18,7 @@
 
 #include <fmt/format.h>
 
-#include "app/SystemLog.h"
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "wire/Protocol.h"
 
@@ -291,6 +290,12 @@ void Broadcaster::logInfo(const std::string& message) const
         m_uiBridge->logInfo(message);
 }
 
+void Broadcaster::logAlways(const std::string& message) const
+{
+    if (m_uiBridge)
+        m_uiBridge->logAlways(message);
+}
+
 // The same three lines for either thread; the group named is the
 // announcement's even for a reply, as it has always read.
 void Broadcaster::logShortSend(long sent, int length, int error) const
@@ -413,7 +418,7 @@ bool Broadcaster::answerOnce()
             const std::string text(received.data());
             logInfo(fmt::format("Received {} from {}", text, senderNumber(from)));
             if (text != kQueryText) {
-                SystemLog::write(fmt::format("False alarm tier 2 connect of {}", text));
+                logAlways(fmt::format("False alarm tier 2 connect of {}", text));
                 continue;
             }
             logInfo("Tier 2 connect");

@@ -36,6 +36,7 @@ private:
     bool answerOnce();
     void reply(const sockaddr_in& from, const char* identifier, int length);
     void logInfo(const std::string& message) const;
+    void logAlways(const std::string& message) const;
     void logShortSend(long sent, int length, int error) const;
     // Bookkeeping that must be the last thing a thread does with `this`.
     void threadFinished();

@@ -19,7 +19,7 @@
 
 #include <fmt/format.h>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "cache/DigestCache.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"

@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"

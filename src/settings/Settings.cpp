@@ -9,7 +9,7 @@
 #include <fmt/format.h>
 #include <plist/plist.h>
 
-#include "app/SystemLog.h"
+#include "log/SystemLog.h"
 #include "settings/HostInfo.h"
 #include "settings/LoginItems.h"
 #include "settings/NumberText.h"

@@ -8,7 +8,7 @@
 #include <QString>
 #include <QVariantMap>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 
 // Posts the core's notices to the freedesktop Notifications service on the
 // session bus. notify is called on session and worker threads; it only

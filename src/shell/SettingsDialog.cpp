@@ -14,8 +14,8 @@
 #include <QTextCharFormat>
 #include <QTextCursor>
 
-#include "app/App.h"
-#include "app/UIBridge.h"
+#include "server/App.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/TrayIcon.h"

@@ -9,9 +9,9 @@
 #include <QMenu>
 #include <QSystemTrayIcon>
 
-#include "app/App.h"
-#include "app/SystemLog.h"
-#include "app/UIBridge.h"
+#include "server/App.h"
+#include "log/SystemLog.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "shell/AboutDialog.h"
 #include "shell/BackgroundJobs.h"

@@ -10,8 +10,8 @@
 #include <QTimer>
 #include <QTranslator>
 
-#include "app/SystemLog.h"
 #include "session/SocketServer.h"
+#include "server/App.h"
 #include "shell/SingleInstance.h"
 #include "shell/StopSignals.h"
 #include "shell/TrayIcon.h"
@@ -82,7 +82,7 @@ int main(int argc, char* argv[])
         return EXIT_FAILURE;
     }
     if (logToStderr)
-        SystemLog::setSink(std::make_shared<StderrSink>());
+        App::logToStandardError(true);
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("ZandrelSync"));

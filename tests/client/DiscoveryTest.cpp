@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "client/ClientErrors.h"
 #include "client/Discovery.h"
 #include "discovery/Broadcaster.h"

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
-#include "app/SocketListener.h"
+#include "server/SocketListener.h"
 #include "session/SessionTestHelpers.h"
 #include "session/SocketServer.h"
 #include "wire/BitHelper.h"

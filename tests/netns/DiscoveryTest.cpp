@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "discovery/Broadcaster.h"
 #include "netns/Namespaces.h"
 #include "settings/Settings.h"

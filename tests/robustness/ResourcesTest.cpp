@@ -13,7 +13,7 @@
 
 #include "LoopbackServer.h"
 #include "ProcessUsage.h"
-#include "app/SocketListener.h"
+#include "server/SocketListener.h"
 #include "session/SocketServer.h"
 
 using namespace std::chrono_literals;

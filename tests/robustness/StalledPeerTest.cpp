@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
-#include "app/SocketListener.h"
+#include "server/SocketListener.h"
 #include "client/ProtocolClient.h"
 #include "session/SessionTestHelpers.h"
 #include "session/SocketServer.h"

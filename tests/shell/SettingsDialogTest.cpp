@@ -17,8 +17,8 @@
 
 #include "ShellTestSupport.h"
 #include "support/TestSupport.h"
-#include "app/App.h"
-#include "app/UIBridge.h"
+#include "server/App.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/SettingsDialog.h"

@@ -16,8 +16,8 @@
 #include <QTest>
 #include <QTimer>
 
-#include "app/App.h"
-#include "app/UIBridge.h"
+#include "server/App.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "shell/AboutDialog.h"
 #include "shell/SettingsDialog.h"

@@ -13,7 +13,7 @@
 
 #include "ShellTestSupport.h"
 #include "support/TestSupport.h"
-#include "app/App.h"
+#include "server/App.h"
 #include "settings/Settings.h"
 #include "shell/AboutDialog.h"
 #include "shell/BackgroundJobs.h"

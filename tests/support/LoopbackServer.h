@@ -5,7 +5,7 @@
 #include <string>
 
 #include "TestSupport.h"
-#include "app/App.h"
+#include "server/App.h"
 #include "client/SyncClient.h"
 #include "settings/Settings.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 
 // Records what would have been posted to the desktop; called from session
 // and worker threads, read from the test's thread.

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/SystemLog.h"
+#include "log/SystemLog.h"
 
 // A fresh temporary folder used as $HOME (and XDG_CONFIG_HOME and
 // XDG_CACHE_HOME below it) for

@@ -1,4 +1,4 @@
-#include "app/TCPServer.h"
+#include "server/TCPServer.h"
 
 #include <algorithm>
 #include <future>

@@ -1,4 +1,4 @@
-#include "app/SystemLog.h"
+#include "log/SystemLog.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -35,6 +35,9 @@ public:
     void logError(const std::string& message) const;
     void logInfo(const std::string& message) const;
     void logMessage(const std::string& message) const;
+    // Written whatever the trace setting says: the few lines a person must
+    // see even with logging off.
+    void logAlways(const std::string& message) const;
     // Whether log lines go anywhere at all: a caller whose line is costly to
     // build (it quotes what a phone sent) asks first.
     bool logging() const;

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "app/SocketListener.h"
-#include "app/TCPServer.h"
-#include "app/UIBridge.h"
+#include "server/SocketListener.h"
+#include "server/TCPServer.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 
 TEST(TCPServer, PortZeroGivesARealPortAndStopIsRepeatable)

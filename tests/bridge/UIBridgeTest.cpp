@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "app/TCPServer.h"
+#include "server/TCPServer.h"
 #include "session/SocketServer.h"
 
 class Settings;

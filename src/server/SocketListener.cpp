@@ -1,10 +1,10 @@
-#include "app/SocketListener.h"
+#include "server/SocketListener.h"
 
 #include <algorithm>
 
 #include <fmt/format.h>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 
 SocketListener::SocketListener(
     std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge, std::chrono::milliseconds lifetime)

@@ -1,6 +1,6 @@
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 
-#include "app/SystemLog.h"
+#include "log/SystemLog.h"
 #include "settings/Settings.h"
 
 UIBridge::UIBridge(std::shared_ptr<Settings> settings) : m_settings(std::move(settings)) {}
@@ -20,6 +20,7 @@ void UIBridge::log(const std::string& message) const
 void UIBridge::logError(const std::string& message) const { log(message); }
 void UIBridge::logInfo(const std::string& message) const { log(message); }
 void UIBridge::logMessage(const std::string& message) const { log(message); }
+void UIBridge::logAlways(const std::string& message) const { SystemLog::write(message); }
 
 std::int32_t UIBridge::percent(std::int32_t done, std::int32_t total)
 {

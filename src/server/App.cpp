@@ -1,4 +1,4 @@
-#include "app/App.h"
+#include "server/App.h"
 
 #include <thread>
 
@@ -7,10 +7,11 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 
-#include "app/SocketListener.h"
-#include "app/UIBridge.h"
-#include "discovery/Broadcaster.h"
+#include "log/SystemLog.h"
 #include "settings/Settings.h"
+#include "bridge/UIBridge.h"
+#include "discovery/Broadcaster.h"
+#include "server/SocketListener.h"
 
 App::App(std::shared_ptr<Settings> settings)
     : m_settings(std::move(settings))
@@ -147,14 +148,47 @@ std::shared_ptr<SocketListener> App::listener() const
     return m_listener;
 }
 
-std::shared_ptr<Broadcaster> App::broadcaster() const
-{
-    std::lock_guard lock(m_mutex);
-    return m_broadcaster;
-}
-
 std::shared_ptr<ProgressView> App::settingsDialog() const
 {
     std::lock_guard lock(m_mutex);
     return m_settingsDialog;
+}
+
+void App::logToStandardError(bool toStandardError)
+{
+    SystemLog::setSink(toStandardError ? std::make_shared<StderrSink>() : nullptr);
+}
+
+namespace {
+
+// Passes every line on and keeps a copy.
+class RecordingSink : public LogSink {
+public:
+    explicit RecordingSink(std::shared_ptr<LogSink> next) : m_next(std::move(next)) {}
+    void write(std::string_view line) override
+    {
+        m_lines.emplace_back(line);
+        m_next->write(line);
+    }
+    std::vector<std::string> m_lines;
+
+private:
+    std::shared_ptr<LogSink> m_next;
+};
+
+} // namespace
+
+std::vector<std::string> App::linesLoggedDuring(const std::function<void()>& work)
+{
+    auto previous = SystemLog::sink();
+    auto recorder = std::make_shared<RecordingSink>(previous);
+    SystemLog::setSink(recorder);
+    try {
+        work();
+    } catch (...) {
+        SystemLog::setSink(previous);
+        throw;
+    }
+    SystemLog::setSink(previous);
+    return recorder->m_lines;
 }

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
-#include "app/SocketListener.h"
+#include "server/SocketListener.h"
 
 using namespace std::chrono_literals;
 

@@ -4,10 +4,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 class Broadcaster;
 class ProgressView;
@@ -43,8 +46,15 @@ public:
     std::shared_ptr<UIBridge> uiBridge() const { return m_uiBridge; }
     std::shared_ptr<Settings> settings() const { return m_settings; }
     std::shared_ptr<SocketListener> listener() const;
-    std::shared_ptr<Broadcaster> broadcaster() const;
     std::shared_ptr<ProgressView> settingsDialog() const;
+
+    // Where the process's log lines go: the system log (the default) or
+    // standard error, the bare message and a newline. Front ends choose
+    // before they start anything.
+    static void logToStandardError(bool toStandardError);
+    // Runs `work` and returns the log lines it wrote, which still go where
+    // lines go, so that a front end can repeat them on its terminal.
+    static std::vector<std::string> linesLoggedDuring(const std::function<void()>& work);
 
 private:
     void serverThread();
