@@ -15,7 +15,6 @@
 #include <fmt/ranges.h>
 
 #include "settings/Settings.h"
-#include "session/SocketServer.h"
 #include "server/App.h"
 
 namespace {
@@ -210,7 +209,5 @@ int main(int argc, char** argv)
     int signal = 0;
     sigwait(&stopSignals, &signal);
     app.stop();
-    // Sessions end on their own threads; give them a moment to say goodbye.
-    SocketServer::waitForAllSessions(std::chrono::seconds(3));
     return 0;
 }

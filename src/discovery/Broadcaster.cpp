@@ -127,30 +127,6 @@ struct AnswerState {
     timeval timeout;
 };
 
-// Counts a broadcaster thread in stillBroadcasting for its lifetime.
-class RunningCount {
-public:
-    RunningCount(std::atomic<std::int32_t>& count, std::mutex& mutex, std::condition_variable& changed)
-        : m_count(count), m_mutex(mutex), m_changed(changed)
-    {
-        std::lock_guard lock(m_mutex);
-        ++m_count;
-    }
-    ~RunningCount()
-    {
-        std::lock_guard lock(m_mutex);
-        --m_count;
-        m_changed.notify_all();
-    }
-    RunningCount(const RunningCount&) = delete;
-    RunningCount& operator=(const RunningCount&) = delete;
-
-private:
-    std::atomic<std::int32_t>& m_count;
-    std::mutex& m_mutex;
-    std::condition_variable& m_changed;
-};
-
 Socket setUpAnnouncer()
 {
     Socket sock = udpSocket();
@@ -228,58 +204,41 @@ Broadcaster::Broadcaster(std::shared_ptr<Settings> settings, std::shared_ptr<UIB
 Broadcaster::~Broadcaster()
 {
     stopBroadcasting();
-    {
-        std::unique_lock lock(m_waitMutex);
-        m_wake.wait(lock, [this] { return m_threadsAlive == 0; });
-    }
     if (m_wakeFd >= 0)
         ::close(m_wakeFd);
 }
 
 void Broadcaster::startBroadcasting()
 {
+    std::lock_guard threads(m_threadsMutex);
+    if (m_announcer.joinable() || m_answerer.joinable())
+        return;
     if (m_wakeFd >= 0) {
         eventfd_t ignored;
         ::eventfd_read(m_wakeFd, &ignored);
     }
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_keepBroadcasting = true;
-        m_threadsAlive += 2;
-    }
-    try {
-        std::thread([this] { threadProc(); }).detach();
-    } catch (...) {
-        threadFinished();
-        threadFinished();
-        throw;
-    }
-    try {
-        std::thread([this] { threadProc2(); }).detach();
-    } catch (...) {
-        threadFinished();
-        throw;
-    }
+    m_announcer = std::jthread([this](std::stop_token stop) { threadProc(stop); });
+    m_answerer = std::jthread([this](std::stop_token stop) { threadProc2(stop); });
 }
 
 void Broadcaster::stopBroadcasting()
 {
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_keepBroadcasting = false;
-    }
-    m_wake.notify_all();
+    std::lock_guard threads(m_threadsMutex);
+    m_announcer.request_stop();
+    m_answerer.request_stop();
     if (m_wakeFd >= 0)
         ::eventfd_write(m_wakeFd, 1);
-    std::unique_lock lock(m_waitMutex);
-    m_wake.wait(lock, [this] { return m_stillBroadcasting <= 0; });
+    if (m_announcer.joinable())
+        m_announcer.join();
+    if (m_answerer.joinable())
+        m_answerer.join();
 }
 
-void Broadcaster::safeWait(double seconds)
+void Broadcaster::safeWait(const std::stop_token& stop, double seconds)
 {
     try {
         std::unique_lock lock(m_waitMutex);
-        m_wake.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return !m_keepBroadcasting; });
+        m_wake.wait_for(lock, stop, std::chrono::duration<double>(seconds), [] { return false; });
     } catch (...) {
     }
 }
@@ -305,41 +264,28 @@ void Broadcaster::logShortSend(long sent, int length, int error) const
     logInfo(fmt::format("Errno = {}", error));
 }
 
-void Broadcaster::threadFinished()
-{
-    // Notified under the lock: once the waiter can look, this thread is done
-    // with the object.
-    std::lock_guard lock(m_waitMutex);
-    --m_threadsAlive;
-    m_wake.notify_all();
-}
-
-void Broadcaster::threadProc()
+void Broadcaster::threadProc(const std::stop_token& stop)
 {
     try {
-        RunningCount running(m_stillBroadcasting, m_waitMutex, m_wake);
-        while (m_keepBroadcasting && announceOnce()) {
+        while (!stop.stop_requested() && announceOnce(stop)) {
         }
     } catch (...) {
         // Nothing leaves a discovery thread.
     }
-    threadFinished();
 }
 
-void Broadcaster::threadProc2()
+void Broadcaster::threadProc2(const std::stop_token& stop)
 {
     try {
-        RunningCount running(m_stillBroadcasting, m_waitMutex, m_wake);
-        while (m_keepBroadcasting && answerOnce()) {
+        while (!stop.stop_requested() && answerOnce(stop)) {
         }
     } catch (...) {
     }
-    threadFinished();
 }
 
 // One set-up and the announcing loop after it. Returns true when the set-up
 // failed and should be tried again.
-bool Broadcaster::announceOnce()
+bool Broadcaster::announceOnce(const std::stop_token& stop)
 {
     Socket sock;
     const sockaddr_in group = endpoint(kAnnounceGroup, kDiscoveryPort);
@@ -347,16 +293,16 @@ bool Broadcaster::announceOnce()
         sock = setUpAnnouncer();
     } catch (const std::exception& e) {
         logInfo(fmt::format("Broadcast exception in threadproc: {}", e.what()));
-        if (!m_keepBroadcasting)
+        if (stop.stop_requested())
             return false;
-        safeWait(kSetUpRetry);
-        return m_keepBroadcasting;
+        safeWait(stop, kSetUpRetry);
+        return !stop.stop_requested();
     }
 
     Buffer identifier{};
     std::uint64_t cycle = 0;
     int length = -1;
-    while (m_keepBroadcasting) {
+    while (!stop.stop_requested()) {
         try {
             if (cycle % kRefreshEvery == 0)
                 length = rebuildIdentifier(m_settings.get(), identifier);
@@ -371,35 +317,35 @@ bool Broadcaster::announceOnce()
             }
         } catch (const std::exception& e) {
             logInfo(fmt::format("Broadcast exception in threadproc: {}", e.what()));
-            safeWait(kAnnounceInterval);
+            safeWait(stop, kAnnounceInterval);
             continue;
         }
         ++cycle;
-        safeWait(kAnnounceInterval);
+        safeWait(stop, kAnnounceInterval);
     }
     return false;
 }
 
 // One set-up and the answering loop after it. Returns true when the set-up
 // failed and should be tried again.
-bool Broadcaster::answerOnce()
+bool Broadcaster::answerOnce(const std::stop_token& stop)
 {
     AnswerState state;
     try {
         setUpAnswerer(state);
     } catch (const std::exception& e) {
         logInfo(fmt::format("Broadcast exception in threadproc2: {}", e.what()));
-        if (!m_keepBroadcasting)
+        if (stop.stop_requested())
             return false;
-        safeWait(kSetUpRetry);
-        return m_keepBroadcasting;
+        safeWait(stop, kSetUpRetry);
+        return !stop.stop_requested();
     }
 
     Buffer identifier{};
     Buffer received{};
     std::uint64_t cycle = 0;
     int length = 0;
-    while (m_keepBroadcasting) {
+    while (!stop.stop_requested()) {
         try {
             if (cycle % kRefreshEvery == 0)
                 length = std::max(rebuildIdentifier(m_settings.get(), identifier), 0);
@@ -424,7 +370,7 @@ bool Broadcaster::answerOnce()
             logInfo("Tier 2 connect");
             reply(from, identifier.data(), length);
         } catch (const std::exception& e) {
-            safeWait(kAnswerFailurePause);
+            safeWait(stop, kAnswerFailurePause);
             logInfo(fmt::format("Broadcast exception in threadproc2: {}", e.what()));
         }
     }

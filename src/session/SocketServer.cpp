@@ -1,6 +1,5 @@
 #include "session/SocketServer.h"
 
-#include <condition_variable>
 #include <latch>
 #include <string_view>
 #include <thread>
@@ -15,26 +14,7 @@
 #include "wire/Commands.h"
 #include "wire/SyncException.h"
 
-namespace {
-
-// Counts session threads that have not finished, for a clean process exit.
-std::mutex g_liveMutex;
-std::condition_variable g_liveChanged;
-int g_live = 0;
-
-void liveAdd(int delta)
-{
-    // Notified under the lock: a waiter that sees the count reach zero may
-    // let the process exit and destroy this condition variable, so the last
-    // session thread must be done with it before the waiter can look.
-    std::lock_guard lock(g_liveMutex);
-    g_live += delta;
-    g_liveChanged.notify_all();
-}
-
-} // namespace
-
-std::shared_ptr<SocketServer> SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
+SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
     std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io,
     std::chrono::milliseconds lifetime)
 {
@@ -42,28 +22,36 @@ std::shared_ptr<SocketServer> SocketServer::create(StreamPair streams, std::shar
         new SocketServer(std::move(streams), std::move(settings), std::move(uiBridge), std::move(listener), io));
 
     // The thread waits for creation to finish, so that "Added connection."
-    // always precedes the session's own lines (and so that it is counted
-    // before it can finish). When the thread cannot be made, the session and
-    // with it the connection go at once and nothing is counted.
-    auto created = std::make_shared<std::latch>(1);
-    std::thread([session, created] {
-        created->wait();
-        session->threadProc();
-        liveAdd(-1);
-    }).detach();
-    liveAdd(1);
-
-    session->m_timer = std::make_unique<asio::steady_timer>(*io, lifetime);
-    std::weak_ptr<SocketServer> weak = session;
-    session->m_timer->async_wait([weak](const std::error_code& ec) {
-        if (ec)
-            return;
-        if (auto self = weak.lock())
-            self->killTime();
+    // always precedes the session's own lines. When the thread cannot be
+    // made, the session and with it the connection go at once.
+    struct Gate {
+        std::latch open{1};
+        bool abandoned = false;
+    };
+    auto gate = std::make_shared<Gate>();
+    std::jthread thread([session, gate](std::stop_token stop) {
+        gate->open.wait();
+        if (!gate->abandoned)
+            session->threadProc(stop);
     });
-    session->m_uiBridge->logInfo("Added connection.");
-    created->count_down();
-    return session;
+    try {
+        session->m_timer = std::make_unique<asio::steady_timer>(*io, lifetime);
+        std::weak_ptr<SocketServer> weak = session;
+        session->m_timer->async_wait([weak](const std::error_code& ec) {
+            if (ec)
+                return;
+            if (auto self = weak.lock())
+                self->killTime();
+        });
+        session->m_uiBridge->logInfo("Added connection.");
+    } catch (...) {
+        // The thread returns at once; the connection closes with the session.
+        gate->abandoned = true;
+        gate->open.count_down();
+        throw;
+    }
+    gate->open.count_down();
+    return {std::move(session), std::move(thread)};
 }
 
 SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
@@ -92,18 +80,6 @@ SessionContext SocketServer::handlerContext()
     return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable};
 }
 
-int SocketServer::liveSessions()
-{
-    std::lock_guard lock(g_liveMutex);
-    return g_live;
-}
-
-bool SocketServer::waitForAllSessions(std::chrono::milliseconds timeout)
-{
-    std::unique_lock lock(g_liveMutex);
-    return g_liveChanged.wait_for(lock, timeout, [] { return g_live == 0; });
-}
-
 void SocketServer::shutdown()
 {
     // Clearing the flag alone would leave a session that waits inside a read
@@ -127,8 +103,10 @@ void SocketServer::killTime()
     m_ostream->close();
 }
 
-void SocketServer::threadProc()
+void SocketServer::threadProc(const std::stop_token& stop)
 {
+    // The owner's stop request ends the session as shutdown() does.
+    std::stop_callback onStop(stop, [this] { shutdown(); });
     m_istream->open();
     m_ostream->open();
     // The keep-running flag was set at creation: set here, it could undo a

@@ -6,7 +6,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <thread>
 
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
@@ -40,10 +42,18 @@ public:
     // How long a connection lives after it was accepted.
     static constexpr std::chrono::milliseconds kLifetime{360000};
 
+    // A session and the thread that runs it. Whoever holds the thread owns
+    // the session's end: a stop request (or dropping it) ends the session as
+    // shutdown() does, then joins.
+    struct Started {
+        std::shared_ptr<SocketServer> session;
+        std::jthread thread;
+    };
+
     // Builds the session, starts its thread and arms its lifetime timer on
     // `io` (the server thread's loop). Logs "Added connection.". Throws when
     // the thread cannot be made; the connection is then closed.
-    static std::shared_ptr<SocketServer> create(StreamPair streams, std::shared_ptr<Settings> settings,
+    static Started create(StreamPair streams, std::shared_ptr<Settings> settings,
         std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener,
         std::shared_ptr<asio::io_context> io, std::chrono::milliseconds lifetime = kLifetime);
     ~SocketServer() override;
@@ -57,16 +67,11 @@ public:
     // the command in progress. Callable from any thread.
     void shutdown();
 
-    // Sessions whose thread has not finished yet, process-wide.
-    static int liveSessions();
-    // Waits until every session thread has finished, or the time runs out.
-    static bool waitForAllSessions(std::chrono::milliseconds timeout);
-
 private:
     SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
         std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io);
 
-    void threadProc();
+    void threadProc(const std::stop_token& stop);
     void commandLoop();
     bool waitForCommand();
     void dispatch(std::uint8_t code);

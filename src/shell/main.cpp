@@ -10,7 +10,6 @@
 #include <QTimer>
 #include <QTranslator>
 
-#include "session/SocketServer.h"
 #include "server/App.h"
 #include "shell/SingleInstance.h"
 #include "shell/StopSignals.h"
@@ -110,8 +109,7 @@ int main(int argc, char* argv[])
     });
     QTimer::singleShot(0, trayMenu.get(), &TrayMenu::applicationDidFinishLaunching);
     const int status = QApplication::exec();
-    // The server stops with the menu; its sessions end on their own threads.
+    // The server stops with the menu, and its stop waits for the sessions.
     trayMenu.reset();
-    SocketServer::waitForAllSessions(std::chrono::seconds(3));
     return status;
 }

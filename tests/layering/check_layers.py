@@ -21,6 +21,8 @@ FLOORS = [
     ["settings", "records"],
     ["wire", "log"],
 ]
+# Front ends that see the server only through App and Settings.
+NARROW = {"daemon/": {"server", "settings"}, "shell/main.cpp": {"server", "settings", "shell"}}
 FLOOR = {room: len(FLOORS) - level for level, rooms in enumerate(FLOORS) for room in rooms}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([a-z]+)/', re.MULTILINE)
 LINK = re.compile(r"target_link_libraries\s*\(\s*(\w+)([^)]*)\)", re.DOTALL)
@@ -41,6 +43,11 @@ def main(src: Path) -> int:
                 if target == room or target not in FLOOR:
                     continue
                 edges[(room, target)] += 1
+                name = file.relative_to(src).as_posix()
+                for prefix, allowed in NARROW.items():
+                    if name.startswith(prefix) and target not in allowed:
+                        wrong.append(f"{file.relative_to(src.parent)}: includes {target}/; it sees only "
+                                     f"{', '.join(sorted(allowed))}")
                 if FLOOR[target] >= FLOOR[room]:
                     wrong.append(f"{file.relative_to(src.parent)}: {room} includes {target}/, "
                                  f"which is not below it")

@@ -3,7 +3,6 @@
 // whole and the server serving.
 
 #include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -11,13 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include "integration/DaemonProcess.h"
 #include "netns/Namespaces.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
@@ -50,86 +45,6 @@ Bytes uploadOne(const std::string& path, std::int64_t size)
     return join({flag(true), number(1), text(path), number(size), number(1500000000), text("ignored")});
 }
 
-// zandrel-syncd as a child process (behind `prefix`, a command that ends by
-// running it), with standard output and error in one pipe.
-class DaemonProcess {
-public:
-    explicit DaemonProcess(std::vector<std::string> prefix = {})
-    {
-        int pipe[2];
-        if (::pipe2(pipe, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe");
-        prefix.push_back(ZANDREL_SYNCD);
-        prefix.push_back("--no-discovery");
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::dup2(pipe[1], 1);
-            ::dup2(pipe[1], 2);
-            std::vector<char*> argv;
-            for (auto& a : prefix)
-                argv.push_back(a.data());
-            argv.push_back(nullptr);
-            ::execvp(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(pipe[1]);
-        m_out = pipe[0];
-        readPort();
-    }
-    ~DaemonProcess()
-    {
-        kill();
-        ::close(m_out);
-    }
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
-
-    // 0 when it did not start; output() then says why.
-    std::uint16_t port() const { return m_port; }
-    pid_t pid() const { return m_pid; }
-    const std::string& output() const { return m_text; }
-    void kill()
-    {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-        }
-    }
-    std::unique_ptr<SyncClient> connect() const
-    {
-        auto client = std::make_unique<SyncClient>();
-        client->connect("127.0.0.1", m_port);
-        client->setPasswordHash(SyncClient::hashPassword("Sesamely"));
-        client->setTimeout(20s);
-        return client;
-    }
-
-private:
-    void readPort()
-    {
-        auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (m_text.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd p{m_out, POLLIN, 0};
-            if (::poll(&p, 1, 100) <= 0)
-                continue;
-            char chunk[512];
-            auto n = ::read(m_out, chunk, sizeof chunk);
-            if (n <= 0)
-                break;
-            m_text.append(chunk, static_cast<std::size_t>(n));
-        }
-        auto at = m_text.find("port ");
-        if (at != std::string::npos)
-            m_port = static_cast<std::uint16_t>(std::stoi(m_text.substr(at + 5)));
-    }
-
-    pid_t m_pid = -1;
-    int m_out = -1;
-    std::uint16_t m_port = 0;
-    std::string m_text;
-};
-
 class FaultTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -161,8 +76,8 @@ TEST_F(FaultTest, UploadResumesAfterTheServerWasKilledMidFile)
     const auto path = (m_home->path() / "in/video.m4v").string();
     const auto partial = path + ".zandrel";
     {
-        DaemonProcess daemon;
-        ASSERT_NE(daemon.port(), 0) << daemon.output();
+        DaemonProcess daemon({"--no-discovery"});
+        ASSERT_NE(daemon.port(), 0) << daemon.err("\n", 1s);
         auto client = daemon.connect();
         client->sendCommand(Command::UploadFiles, uploadOne(path, static_cast<std::int64_t>(source.size())));
         ASSERT_EQ(client->readReply().data, number(0));
@@ -182,8 +97,8 @@ TEST_F(FaultTest, UploadResumesAfterTheServerWasKilledMidFile)
     ASSERT_GE(kept, 1024000);
     EXPECT_FALSE(fs::exists(path));
 
-    DaemonProcess daemon;
-    ASSERT_NE(daemon.port(), 0) << daemon.output();
+    DaemonProcess daemon({"--no-discovery"});
+    ASSERT_NE(daemon.port(), 0) << daemon.err("\n", 1s);
     auto client = daemon.connect();
     client->sendCommand(Command::UploadFiles, uploadOne(path, static_cast<std::int64_t>(source.size())));
     ASSERT_EQ(client->readReply().data, number(kept));
@@ -198,12 +113,12 @@ TEST_F(FaultTest, FullDiskKeepsThePartialAndTheOldFileAndTheUploadResumesOnceThe
     // A 2 MiB disk of its own, seen only by the server, 1.2 MiB of it taken.
     const auto disk = m_home->path() / "disk";
     fs::create_directories(disk);
-    DaemonProcess daemon({"unshare", "-rm", "sh", "-c",
+    DaemonProcess daemon({"--no-discovery"}, {"unshare", "-rm", "sh", "-c",
         R"(mount -t tmpfs -o size=2m tmpfs "$1" && printf old > "$1/song.mp3" &&)"
         R"( head -c 1200k /dev/zero > "$1/filler" && shift && exec "$@")",
         "sh", disk.string()});
     if (daemon.port() == 0)
-        GTEST_SKIP() << "no user and mount namespace for a small disk: " << daemon.output();
+        GTEST_SKIP() << "no user and mount namespace for a small disk: " << daemon.err("\n", 1s);
     // What the server sees, through its own view of the file system.
     const auto seen = fs::path("/proc/" + std::to_string(daemon.pid()) + "/root") / disk.relative_path();
     const auto path = (disk / "song.mp3").string();

@@ -1,7 +1,12 @@
+// Sessions give back every thread and descriptor they took, however they
+// end, and the listener survives running out of either.
+
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -12,13 +17,48 @@
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
-#include "ProcessUsage.h"
 #include "server/SocketListener.h"
-#include "session/SocketServer.h"
 
 using namespace std::chrono_literals;
 
 namespace {
+
+// Threads and open descriptors of this process.
+struct Usage {
+    long threads = 0;
+    long descriptors = 0;
+
+    static Usage now()
+    {
+        auto count = [](const char* folder) {
+            auto entries = std::filesystem::directory_iterator(folder);
+            return static_cast<long>(std::distance(begin(entries), end(entries)));
+        };
+        return {count("/proc/self/task"), count("/proc/self/fd")};
+    }
+};
+
+// Polls `done` until it holds or 10 s have passed.
+template <typename Condition>
+bool within10s(Condition done)
+{
+    for (auto deadline = std::chrono::steady_clock::now() + 10s; !done();) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+// The sessions have ended and their threads and descriptors are given back.
+bool backTo(LoopbackServer& server, const Usage& baseline)
+{
+    return within10s([&] {
+        auto usage = Usage::now();
+        return server.app().listener()->connections().empty() && usage.threads <= baseline.threads
+            && usage.descriptors <= baseline.descriptors;
+    });
+}
 
 void identifyAndGo(LoopbackServer& server)
 {
@@ -27,20 +67,23 @@ void identifyAndGo(LoopbackServer& server)
     EXPECT_EQ(c->readReply().code, 14);
 }
 
-// Lowers this process's soft limit on descriptors for the life of the object.
-class DescriptorLimit {
+// Lowers this process's soft limit on a resource for the life of the object.
+class Limit {
 public:
-    explicit DescriptorLimit(rlim_t soft)
+    Limit(int resource, rlim_t soft) : m_resource(resource)
     {
-        ::getrlimit(RLIMIT_NOFILE, &m_old);
+        ::getrlimit(resource, &m_old);
         rlimit lower = m_old;
         lower.rlim_cur = std::min(soft, m_old.rlim_cur);
-        ::setrlimit(RLIMIT_NOFILE, &lower);
+        m_applied = ::setrlimit(resource, &lower) == 0;
     }
-    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &m_old); }
+    ~Limit() { ::setrlimit(m_resource, &m_old); }
+    bool applied() const { return m_applied; }
 
 private:
+    int m_resource;
     rlimit m_old{};
+    bool m_applied = false;
 };
 
 // Sanitizers reserve address space and open descriptors of their own as
@@ -62,12 +105,9 @@ long virtualMemoryBytes()
     std::ifstream status("/proc/self/status");
     std::string key;
     long kib = 0;
-    while (status >> key) {
-        if (key == "VmSize:") {
-            status >> kib;
-            break;
-        }
+    while (status >> key && key != "VmSize:") {
     }
+    status >> kib;
     return kib * 1024;
 }
 
@@ -77,13 +117,12 @@ TEST(Resources, ConnectionsThatIdentifyAndGoLeaveNothingBehind)
 {
     LoopbackServer server;
     identifyAndGo(server);
-    ASSERT_TRUE(SocketServer::waitForAllSessions(10s));
-    auto baseline = ProcessUsage::now();
+    ASSERT_TRUE(within10s([&] { return server.app().listener()->connections().empty(); }));
+    auto baseline = Usage::now();
     for (int i = 0; i < 200; ++i)
         identifyAndGo(server);
-    EXPECT_TRUE(SocketServer::waitForAllSessions(10s));
-    EXPECT_TRUE(ProcessUsage::waitUntilBackTo(baseline, 10s));
-    EXPECT_TRUE(server.app().listener()->connections().empty());
+    // Without a stop: ended sessions are joined as they go.
+    EXPECT_TRUE(backTo(server, baseline));
 }
 
 TEST(Resources, ConnectionsTheLifetimeTimerClosesLeaveNothingBehind)
@@ -91,7 +130,7 @@ TEST(Resources, ConnectionsTheLifetimeTimerClosesLeaveNothingBehind)
     LoopbackServer server(false);
     server.app().setSessionLifetime(500ms);
     server.start();
-    auto baseline = ProcessUsage::now();
+    auto baseline = Usage::now();
     {
         // Idle, stopped inside a header, and between commands.
         std::vector<std::unique_ptr<SyncClient>> held;
@@ -106,9 +145,7 @@ TEST(Resources, ConnectionsTheLifetimeTimerClosesLeaveNothingBehind)
         for (auto& c : held)
             EXPECT_TRUE(c->waitForClose(10s));
     }
-    EXPECT_TRUE(SocketServer::waitForAllSessions(10s));
-    EXPECT_TRUE(ProcessUsage::waitUntilBackTo(baseline, 10s));
-    EXPECT_TRUE(server.app().listener()->connections().empty());
+    EXPECT_TRUE(backTo(server, baseline));
     auto lines = server.log().lines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "Connection closed."), 30);
 }
@@ -121,7 +158,7 @@ TEST(Resources, AcceptPausesWhileDescriptorsRunOutAndResumesWhenTheyFreeUp)
     std::vector<int> spare;
     SyncClient waiting;
     {
-        DescriptorLimit limit(ProcessUsage::now().descriptors + 64);
+        Limit limit(RLIMIT_NOFILE, Usage::now().descriptors + 64);
         spare.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
         ASSERT_GE(spare.back(), 0);
         for (int fd; (fd = ::dup(spare.front())) >= 0;)
@@ -149,7 +186,7 @@ TEST(Resources, AcceptPausesWhileDescriptorsRunOutAndResumesWhenTheyFreeUp)
         1);
 }
 
-TEST(Resources, ASessionThreadThatCannotStartLeavesNothingCounted)
+TEST(Resources, ASessionThreadThatCannotStartLeavesNothingBehind)
 {
     if (kSanitized)
         GTEST_SKIP() << "a limit on address space breaks the sanitizer, not the thread";
@@ -163,18 +200,15 @@ TEST(Resources, ASessionThreadThatCannotStartLeavesNothingCounted)
         live.back()->readExact(19);
     }
     SyncClient refused;
+    bool closed = false;
     {
-        rlimit old{};
-        ::getrlimit(RLIMIT_AS, &old);
-        rlimit tight = old;
-        tight.rlim_cur = static_cast<rlim_t>(virtualMemoryBytes() + (1 << 20));
-        ASSERT_EQ(::setrlimit(RLIMIT_AS, &tight), 0);
+        Limit limit(RLIMIT_AS, static_cast<rlim_t>(virtualMemoryBytes() + (1 << 20)));
+        ASSERT_TRUE(limit.applied());
         refused.connect("127.0.0.1", server.port());
-        bool closed = refused.waitForClose(10s);
-        ::setrlimit(RLIMIT_AS, &old);
-        EXPECT_TRUE(closed);
+        closed = refused.waitForClose(10s);
     }
+    EXPECT_TRUE(closed);
     live.clear();
-    EXPECT_TRUE(SocketServer::waitForAllSessions(10s));
+    EXPECT_TRUE(within10s([&] { return server.app().listener()->connections().empty(); }));
     identifyAndGo(server);
 }
