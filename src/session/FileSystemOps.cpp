@@ -8,7 +8,7 @@
 
 #include <fmt/format.h>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "settings/Settings.h"

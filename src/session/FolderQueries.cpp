@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "records/DirSyncInfo.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"

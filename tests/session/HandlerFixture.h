@@ -16,7 +16,7 @@
 
 #include "SessionTestHelpers.h"
 #include "TestSupport.h"
-#include "app/UIBridge.h"
+#include "bridge/UIBridge.h"
 #include "session/FileSystemOps.h"
 #include "session/FileTransfer.h"
 #include "session/FolderQueries.h"
