@@ -32,7 +32,7 @@ TEST(UIBridge, ProgressIsThirtyTwoBitPercent)
     EXPECT_EQ(view->values, std::vector<int>{25});
 }
 
-TEST(UIBridge, TraceGatesEveryLevel)
+TEST(UIBridge, TraceGatesEveryLevelButTheLinesMeantForAlways)
 {
     TempHome home;
     CapturedLog log;
@@ -40,13 +40,12 @@ TEST(UIBridge, TraceGatesEveryLevel)
     log.sink().clear();
     UIBridge bridge(settings);
     settings->setVerbose(true);
-    bridge.logError("e");
-    bridge.logInfo("i");
-    bridge.logMessage("m");
-    EXPECT_TRUE(log.lines().empty());
-    settings->setTrace(true);
-    bridge.logError("e");
-    bridge.logInfo("i");
-    bridge.logMessage("m");
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"e", "i", "m"}));
+    for (bool trace : {false, true}) {
+        settings->setTrace(trace);
+        bridge.logError("e");
+        bridge.logInfo("i");
+        bridge.logMessage("m");
+        bridge.logAlways("a");
+    }
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"a", "e", "i", "m", "a"}));
 }
