@@ -15,11 +15,6 @@ LoopbackServer::LoopbackServer(bool startNow)
         start();
 }
 
-LoopbackServer::~LoopbackServer()
-{
-    stop();
-}
-
 void LoopbackServer::start()
 {
     m_app->start();
@@ -27,11 +22,6 @@ void LoopbackServer::start()
     if (!port || *port == 0)
         throw std::runtime_error("the test server did not start");
     m_port = *port;
-}
-
-void LoopbackServer::stop()
-{
-    m_app->stop();
 }
 
 std::unique_ptr<SyncClient> LoopbackServer::connect()
@@ -48,9 +38,4 @@ void LoopbackServer::attach(ProtocolClient& client)
     client.connect("127.0.0.1", m_port);
     client.setPasswordHash(hash());
     client.setTimeout(std::chrono::seconds(20));
-}
-
-std::string LoopbackServer::hash() const
-{
-    return m_settings->getHashedPassword();
 }

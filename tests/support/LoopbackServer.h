@@ -16,13 +16,14 @@ class ProtocolClient;
 class LoopbackServer {
 public:
     explicit LoopbackServer(bool start = true);
-    ~LoopbackServer();
+    // App::stop waits for the sessions, so none outlives the home folder and
+    // the log sink.
+    ~LoopbackServer() { stop(); }
 
     void start();
-    void stop();
+    void stop() { m_app->stop(); }
     std::uint16_t port() const { return m_port; }
     Settings& settings() { return *m_settings; }
-    std::shared_ptr<Settings> sharedSettings() { return m_settings; }
     App& app() { return *m_app; }
     TempHome& home() { return m_home; }
     CapturedLog& log() { return m_log; }
@@ -32,7 +33,7 @@ public:
     // Connects a typed client the same way.
     void attach(ProtocolClient& client);
     // The password hash the server expects.
-    std::string hash() const;
+    std::string hash() const { return m_settings->getHashedPassword(); }
 
 private:
     TempHome m_home;

@@ -12,8 +12,8 @@
 #include "log/SystemLog.h"
 
 // A fresh temporary folder used as $HOME (and XDG_CONFIG_HOME and
-// XDG_CACHE_HOME below it) for
-// the life of the object; the old values come back and the folder goes.
+// XDG_CACHE_HOME below it) for the life of the object; the old values come
+// back and the folder goes.
 class TempHome {
 public:
     TempHome();
