@@ -16,6 +16,7 @@
 #include <QTest>
 #include <QTimer>
 
+#include "ShellTestSupport.h"
 #include "server/App.h"
 #include "bridge/UIBridge.h"
 #include "settings/Settings.h"
@@ -26,11 +27,6 @@
 #include "shell/UpdateCheck.h"
 
 namespace {
-
-class SilentNotifier : public Notifier {
-public:
-    void notify(const std::string&, const std::string&, const std::string&) override {}
-};
 
 constexpr int kSettleMs = 600;
 
@@ -43,13 +39,6 @@ bool save(QWidget* widget, const QString& path)
     return ok;
 }
 
-QString closedLocalURL()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return QStringLiteral("http://127.0.0.1:%1/CurrentZandrelMac.txt").arg(probe.serverPort());
-}
-
 } // namespace
 
 int main(int argc, char* argv[])
@@ -59,9 +48,9 @@ int main(int argc, char* argv[])
     QApplication::setWindowIcon(TrayIcon::icon());
     const QString out = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("screenshots");
     QDir().mkpath(out);
-    UpdateCheck::setUpdateInfoURL(closedLocalURL());
+    UpdateCheck::setUpdateInfoURL(unansweredURL());
 
-    TrayMenu tray(std::make_shared<SilentNotifier>());
+    TrayMenu tray(std::make_shared<RecordingNotifier>());
     tray.applicationDidFinishLaunching();
     tray.openSettings();
 
