@@ -93,6 +93,7 @@ void expectOffsets(SyncClient& phone, std::initializer_list<std::int64_t> offset
 
 class TransferTest : public HandlerTest {
 protected:
+    TransferTest() { bridge->setNotifier(notifier); }
     void download(HandlerSession& s, const Bytes& fields)
     {
         s.start([&s] { s.transfers.downloadFiles(); }, fields);
@@ -103,7 +104,10 @@ protected:
         s.start([&s] { s.transfers.uploadFiles(); }, fields);
     }
     SyncClient& phone() { return session->phone; }
+    std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
 };
+
+using Notices = std::vector<RecordingNotifier::Notice>;
 
 // ---- downloadFiles ----
 
@@ -130,6 +134,7 @@ TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
     EXPECT_TRUE(log.contains("Sent 512000 bytes. Offset = 612000"));
     EXPECT_TRUE(log.contains("Sent 488000 bytes. Offset = 1100000"));
     EXPECT_TRUE(log.contains(fmt::format("Sent: {}", path)));
+    EXPECT_EQ(notifier->notices(), Notices(3, {"Sending File", path, "SENDFILE"}));
 }
 
 // A FIFO nobody writes would block the open; /dev/zero would feed the digest
@@ -203,6 +208,7 @@ TEST_F(TransferTest, BatchesOfNoFilesAnswerTheirFrameOnly)
 // digest answered are those of the stored file.
 TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
 {
+    settings->setToast(false);
     const auto resumed = at("in/song.mp3"), tooLong = at("a/long.bin"), full = at("a/full.bin");
     const auto empty = at("a/empty.bin"), overFolder = at("a/folder.bin"), big = at("new/deeper/clip.m4v");
     const auto song = pattern(1000, 5), longContents = pattern(20, 4), folderContents = pattern(10, 6);
@@ -240,6 +246,7 @@ TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
     EXPECT_TRUE(log.contains("Uploading files. File count = 6, hash = YES"));
     EXPECT_TRUE(log.contains(fmt::format("Receiving: {}. Offset = 300", resumed.string())));
     EXPECT_TRUE(log.contains(fmt::format("Saved: {}.", resumed.string())));
+    EXPECT_TRUE(notifier->notices().empty());
 }
 
 TEST_F(TransferTest, UploadToAPathThatNamesNothingDropsTheDataAndTouchesNothing)
@@ -262,11 +269,7 @@ TEST_F(TransferTest, UploadToAPathThatNamesNothingDropsTheDataAndTouchesNothing)
     session->expectAnswered();
     fs::current_path(before);
 
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder))
-        names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"report.txt", "report.txt.zandrel"}));
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 2);
     EXPECT_EQ(readFile(folder / "report.txt"), "keep me");
     EXPECT_EQ(readFile(folder / "report.txt.zandrel"), "and me");
     EXPECT_TRUE(log.contains("Saved: (null)."));
@@ -366,29 +369,7 @@ TEST_F(TransferTest, UploadWhosePartialIsDeletedMidwayKeepsTheOldFile)
     EXPECT_EQ(phone().readString(), md5("the old version"));
     EXPECT_EQ(readFile(path), "the old version");
     session->expectAnswered();
-}
-
-TEST_F(TransferTest, EachFileRaisesANotificationOnlyWhenToastIsOn)
-{
-    auto notifier = std::make_shared<RecordingNotifier>();
-    bridge->setNotifier(notifier);
-    const auto source = at("n/out.txt").string(), destination = at("n/in.txt").string();
-    writeFile(source, "abc");
-    for (bool toast : {false, true}) {
-        settings->setToast(toast);
-        download(*session, downloadFields(1, {{source, 0}}, false));
-        readRecord(phone());
-        phone().readExact(3 + 79);
-        session->expectAnswered();
-    }
-    upload(*session, uploadFields(false, 1, {{destination, 2, 5}}));
-    expectOffsets(phone(), {0});
-    phone().sendRaw(bytesOf("xy"));
-    EXPECT_EQ(phone().readLong(), 2);
-    session->expectAnswered();
-    using Notice = RecordingNotifier::Notice;
-    EXPECT_EQ(notifier->notices(), (std::vector<Notice>{{"Sending File", source, "SENDFILE"},
-                                       {"Receiving File", destination, "RECEIVEFILE"}}));
+    EXPECT_EQ(notifier->notices(), Notices(1, {"Receiving File", path.string(), "RECEIVEFILE"}));
 }
 
 } // namespace
