@@ -156,45 +156,38 @@ TEST_F(FolderQueriesTest, ListingsDescribeWhatIsDirectlyInsideAFolder)
     EXPECT_TRUE(log.contains(sent + "/part.zandrel"));
     expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(m_root + "/sub2"), number(0));
 
-    // A plain file is no folder: the error ends the session.
-    session->start([this] { session->folders.folderInfo(); }, text(m_root + "/a.txt"));
-    session->expectFailure(Command::FolderInfo, "Path " + m_root + "/a.txt does not exist.");
-}
-
-TEST_F(FolderQueriesTest, WalksStreamTheTreeInWalkOrder)
-{
-    makeTree();
-    checkWalk(false);
-    checkWalk(true);
 }
 
 // More files than are digested ahead still come in walk order, and a damaged
 // digest cache costs one log line, not the walk.
-TEST_F(FolderQueriesTest, WalkWithDigestsOfManyFilesOverADamagedCache)
+TEST_F(FolderQueriesTest, WalksStreamTheTreeInWalkOrderOverADamagedDigestCache)
 {
     home.write(".cache/zandrel/digests.sqlite", std::string(4096, 'x'));
     makeTree();
     for (int i = 0; i < 150; ++i)
         home.write("tree/many/f" + std::to_string(i) + ".txt", i % 3 ? "hello" : "");
+    checkWalk(false);
     checkWalk(true);
     EXPECT_TRUE(log.contains("Digest cache " + home.path().string() +
                              "/.cache/zandrel/digests.sqlite was damaged and has been rebuilt."));
 }
 
 // The folder handlers take "~" literally, so even an existing home folder
-// is missing to them, and the failure ends the session.
-TEST_F(FolderQueriesTest, TildePathsFailWithPathDoesntExist)
+// is missing to them, as is a plain file; the failure ends the session.
+TEST_F(FolderQueriesTest, TildePathsAndFilesFailWithPathDoesntExist)
 {
-    fs::create_directories(m_root);
+    home.write("tree/a.txt", "hello");
     const std::pair<Query, std::uint8_t> queries[] = {{&FolderQueries::folderInfo, Command::FolderInfo},
         {&FolderQueries::foldersInFolder, Command::FoldersInFolder},
         {&FolderQueries::filesInFolder, Command::FilesInFolder},
         {&FolderQueries::allFilesInFolder, Command::AllFilesInFolder}};
     for (const auto& [query, code] : queries) {
-        auto s = newSession();
-        s->start([&s, query] { (s->folders.*query)(); },
-            code == Command::AllFilesInFolder ? join({text("~/tree"), flag(false)}) : text("~/tree"));
-        s->expectFailure(code, "Path ~/tree does not exist.");
+        for (const std::string& path : {std::string("~/tree"), m_root + "/a.txt"}) {
+            auto s = newSession();
+            const bool walk = code == Command::AllFilesInFolder;
+            s->start([&s, query] { (s->folders.*query)(); }, walk ? join({text(path), flag(false)}) : text(path));
+            s->expectFailure(code, "Path " + path + " does not exist.");
+        }
     }
 }
 
