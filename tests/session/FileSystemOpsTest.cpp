@@ -11,6 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "HandlerFixture.h"
+#include "records/FileSyncInfo.h"
+#include "records/RecordEncoding.h"
 
 namespace fs = std::filesystem;
 using namespace SessionTest;
@@ -168,14 +170,23 @@ TEST_F(FileSystemOpsTest, ReadOnlyChangesNothingAndAnswersAsFailedItems)
     EXPECT_TRUE(log.contains("Could not delete file: " + at("keep.txt")));
 }
 
-TEST_F(FileSystemOpsTest, CountsOfZeroOrBelowReadNothingAndAnswerTrue)
+// Only the low 32 bits of a count are used: 2^32 is zero items. The
+// transfers answer their frame only, the others true.
+TEST_F(FileSystemOpsTest, CountsOfZeroOrBelowReadNothing)
 {
-    // 2^32 has low 32 bits 0; only those count.
+    const Bytes noFiles =
+        join({StreamIO::emptyHeader(Command::DownloadFiles), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish())});
     for (std::int64_t count : {std::int64_t{0}, std::int64_t{-1}, std::int64_t{1} << 32}) {
         for (std::uint8_t code :
             {Command::CreateDirectories, Command::DeleteFiles, Command::DeleteFolders, Command::RenameFiles}) {
             expectAnswer(code, number(count), true);
         }
+        session->start([this] { session->transfers.downloadFiles(); }, join({number(count), flag(true)}));
+        expectNext(client(), noFiles);
+        session->expectAnswered();
+        session->start([this] { session->transfers.uploadFiles(); }, join({flag(true), number(count)}));
+        expectDataPacket(client(), Command::UploadFiles, {});
+        session->expectAnswered();
     }
     EXPECT_TRUE(log.contains("Creating directories. Count = 0"));
     EXPECT_TRUE(log.contains("Renaming files. Count = -1"));
@@ -219,6 +230,47 @@ TEST_F(FileSystemOpsTest, APathWithANulByteNamesNothing)
     EXPECT_EQ(readFile(at("keep.txt")), "x");
     batch(Command::DeleteFolders, {m_dir + std::string(1, '\0')}, true);
     EXPECT_TRUE(fs::exists(at("keep.txt")));
+}
+
+using DiskPathTest = HandlerTest;
+
+// Confinement as a phone meets it: what leads outside the base folder, by
+// "..", by a link or by a dangling link, names nothing; the base itself and
+// what lies below it stay reachable.
+TEST_F(DiskPathTest, ConfinedPathsOutsideTheBaseFolderNameNothing)
+{
+    const std::string base = at("base").string();
+    home.write("base/sub/in.txt", "in");
+    home.write("outside/secret.txt", "secret");
+    fs::create_directory_symlink(at("outside"), at("base/escape"));
+    fs::create_symlink(at("outside/new.txt"), at("base/up.txt.zandrel"));
+    settings->setBasePath(base);
+    settings->setConfineToBasePath(true);
+    auto& s = *session;
+
+    for (const auto& [path, answer] : {std::pair{base, true}, {base + "/sub/..", true}, {base + "/sub", true},
+             {base + "/../outside", false}, {base + "/escape", false}, {base + "/sub/../../outside", false}}) {
+        s.start([&s] { s.folders.pathExists(); }, text(path));
+        expectDataPacket(s.phone, Command::PathExists, flag(answer));
+        s.expectAnswered();
+    }
+    s.start([&s] { s.fileOps.deleteFiles(); }, join({number(1), text(base + "/escape/secret.txt")}));
+    expectDataPacket(s.phone, Command::DeleteFiles, flag(true));
+    s.expectAnswered();
+    EXPECT_TRUE(fs::exists(at("outside/secret.txt")));
+
+    // A dangling link at the partial's name would have the upload create
+    // its target outside.
+    s.start([&s] { s.transfers.uploadFiles(); }, join({flag(false), number(1), text(base + "/up.txt"), number(3),
+                                                       number(1)}));
+    expectDataPacket(s.phone, Command::UploadFiles, number(0));
+    s.phone.sendRaw(Bytes{'a', 'b', 'c'});
+    expectNext(s.phone, number(3));
+    s.expectAnswered();
+    EXPECT_FALSE(fs::exists(at("outside/new.txt")));
+
+    s.start([&s] { s.folders.folderInfo(); }, text(base + "/escape"));
+    s.expectFailure(Command::FolderInfo, "Path " + base + "/escape does not exist.");
 }
 
 } // namespace

