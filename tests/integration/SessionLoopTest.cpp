@@ -14,6 +14,7 @@
 #include "wire/StreamIO.h"
 
 using namespace std::chrono_literals;
+using namespace SessionTest;
 
 namespace {
 
@@ -97,8 +98,7 @@ TEST_F(SessionLoop, UnknownCodesGetTheInvalidHeaderAndTheirPayloadIsReadAsComman
 
     // What follows the password is not skipped: it is read as the next
     // command (here code 99 carrying a start sync).
-    c->sendCommand(99, SessionTest::join({Bytes{17}, SessionTest::number(8 + server.hash().size()),
-                                            SessionTest::text(server.hash())}));
+    c->sendCommand(99, join({Bytes{17}, number(8 + server.hash().size()), text(server.hash())}));
     EXPECT_EQ(c->readExact(18), StreamIO::emptyHeader(34));
     EXPECT_EQ(c->readExact(19), StreamIO::dataPacket(17, BitHelper::encodeBool(true)));
 }
@@ -107,7 +107,6 @@ TEST_F(SessionLoop, UnknownCodesGetTheInvalidHeaderAndTheirPayloadIsReadAsComman
 // answers under. 25 answers nothing, so 17's answer comes first.
 TEST_F(SessionLoop, EveryCommandReachesItsOwnHandler)
 {
-    using namespace SessionTest;
     const std::string home = server.home().path().string();
     server.settings().setBasePath("~");
     const std::vector<std::tuple<std::uint8_t, Bytes, std::string>> commands = {
@@ -134,12 +133,11 @@ TEST_F(SessionLoop, PasswordCutMidwayEndsTheSessionWithCode15)
 {
     // Cut inside the password's bytes, and inside its length.
     const std::vector<std::pair<Bytes, std::string>> cuts = {
-        {SessionTest::join({SessionTest::number(32), Bytes{'A', 'B', 'C'}}),
-            "0 returned while trying to verifying password"},
+        {join({number(32), Bytes{'A', 'B', 'C'}}), "0 returned while trying to verifying password"},
         {Bytes{1, 0}, "0 returned while trying to get length of string"}};
     for (const auto& [sent, reason] : cuts) {
         auto c = server.connect();
-        c->sendRaw(SessionTest::join({Bytes{17}, SessionTest::number(40), sent}));
+        c->sendRaw(join({Bytes{17}, number(40), sent}));
         c->shutdownSend();
         EXPECT_EQ(c->readExact(18 + reason.size()), StreamIO::errorPacket(15, reason));
         EXPECT_TRUE(c->waitForClose(5s));

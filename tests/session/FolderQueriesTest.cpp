@@ -86,7 +86,6 @@ protected:
         EXPECT_TRUE(log.contains("All files in folder: " + m_root + ", MD5 = " + (withHash ? "YES" : "NO")));
         EXPECT_TRUE(log.contains("Found file: " + m_root + "/sub1/deeper/y.txt."));
         EXPECT_FALSE(log.contains("Found file: " + m_root + "/.DS_Store."));
-        EXPECT_FALSE(log.contains("Found file: " + m_root + "/link-to-file."));
     }
 
     // Runs one query and expects exactly `answer` as its data packet.
