@@ -65,15 +65,6 @@ TEST_F(DaemonTest, ServesLogsToStandardErrorAndEndsOnSigterm)
     EXPECT_NE(d.err("Stopped Echo server\n", 5s).find("Stopped Echo server\n"), std::string::npos);
 }
 
-TEST_F(DaemonTest, FreshHomeGetsTheDefaultSettingsFileAndNoLoginItem)
-{
-    DaemonProcess d({"--no-discovery"});
-    EXPECT_EQ(d.port(), 35000);
-    EXPECT_NE(readFile(home.path() / kSettingsFile).find("<key>hashword</key>"), std::string::npos);
-    EXPECT_FALSE(fs::exists(home.path() / ".config/autostart/ZandrelSync.desktop"));
-    EXPECT_EQ(d.terminate(), 0);
-}
-
 TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnlyAndBadFlagsSayWhatToDo)
 {
     auto file = home.write(kSettingsFile, R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
@@ -98,9 +89,18 @@ TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnlyAndBadFlagsSayWhatToDo)
     }
 }
 
-TEST_F(DaemonTest, BrokenOrUnwritableSettingsAreNamedAndDefaultsServe)
+TEST_F(DaemonTest, FreshBrokenOrUnwritableSettingsFilesLeaveTheDefaultsServing)
 {
-    auto file = home.write(kSettingsFile, "not a settings file<");
+    const auto file = home.path() / kSettingsFile;
+    {
+        // Written for a fresh home; start at login is the tray's alone.
+        DaemonProcess d({"--no-discovery"});
+        EXPECT_EQ(d.port(), 35000);
+        EXPECT_NE(readFile(file).find("<key>hashword</key>"), std::string::npos);
+        EXPECT_FALSE(fs::exists(home.path() / ".config/autostart/ZandrelSync.desktop"));
+        EXPECT_EQ(d.terminate(), 0);
+    }
+    home.write(kSettingsFile, "not a settings file<");
     {
         DaemonProcess d({"--no-discovery"});
         EXPECT_EQ(d.port(), 35000);
