@@ -1,5 +1,7 @@
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -149,7 +151,10 @@ TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
     s.setPlainTextPassword("pässword"); // hashed as its UTF-8 bytes
     EXPECT_EQ(readFile(prefsPath()), fresh);
 
+    // The file is replaced whole: one opened before the write still reads the old.
+    std::ifstream reader(prefsPath(), std::ios::binary);
     s.writePreferences();
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(reader), {}), fresh);
     EXPECT_EQ(written(prefsPath()),
               (Entries{{"basePath", "/home/x/Müsic & more"}, {"hashword", salted("pässword")},
                        {"lastIP", s.getLastIP()}, {"port", "<integer>-1</integer>"}, {"startOnLogin", "<false/>"},
