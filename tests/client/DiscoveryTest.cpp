@@ -1,6 +1,5 @@
-// Discovery from the phone's side of a veth pair, with the real broadcaster
-// on the desktop's side: both ends need UDP port 31415, so one host is not
-// enough.
+// Discovery from the phone's side of a veth pair, the real broadcaster on the
+// desktop's: both ends need UDP port 31415.
 
 #include <chrono>
 #include <memory>
@@ -32,15 +31,16 @@ protected:
             GTEST_SKIP() << "discovery tests need network namespaces: " << why;
         m_settings = std::make_shared<Settings>(Settings::NoLoginItems{});
         m_settings->setPort(35123);
-        m_bridge = std::make_shared<UIBridge>(m_settings);
-        m_broadcaster = std::make_unique<Broadcaster>(m_settings, m_bridge);
+        m_broadcaster = std::make_unique<Broadcaster>(m_settings, std::make_shared<UIBridge>(m_settings));
         m_broadcaster->startBroadcasting();
     }
 
-    // Options whose socket lives on the phone.
-    Discovery::Options phoneOptions()
+    // Options whose socket lives on the phone, listening or asking.
+    Discovery::Options phoneOptions(bool listen)
     {
         Discovery::Options options;
+        options.listenForAnnouncements = listen;
+        options.sendQuery = !listen;
         options.timeout = 15s;
         options.stopAfter = 1;
         options.queryInterval = 200ms;
@@ -54,28 +54,22 @@ protected:
     TwoHosts m_hosts;
     TempHome m_home;
     std::shared_ptr<Settings> m_settings;
-    std::shared_ptr<UIBridge> m_bridge;
     std::unique_ptr<Broadcaster> m_broadcaster;
 };
 
 TEST_F(DiscoveryTest, FindsTheServerByAnnouncementAndByQuery)
 {
-    auto options = phoneOptions();
-    options.sendQuery = false;
-    auto found = Discovery(options).run();
+    auto found = Discovery(phoneOptions(true)).run();
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].identity.raw, m_settings->getIdentifier());
 
-    options = phoneOptions();
-    options.listenForAnnouncements = false;
-    found = Discovery(options).run();
+    found = Discovery(phoneOptions(false)).run();
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].from, TwoHosts::kDesktop);
     EXPECT_EQ(found[0].identity.port, 35123);
     EXPECT_TRUE(found[0].identity.acceptsHash(m_settings->getHashedPassword()));
 
-    // Having answered, the answering thread holds the port on the desktop:
-    // discovering from there is refused plainly.
+    // The answering thread holds the port: discovering on the desktop is refused plainly.
     Discovery::Options onDesktop;
     onDesktop.timeout = 100ms;
     try {

@@ -2,12 +2,13 @@
 // server on loopback never gives (refusals, error packets inside streams,
 // data that looks like an error packet, bytes out of place).
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,15 +54,11 @@ public:
     }
     ~ScriptedServer() { ::close(m_fd); }
 
-    // What the client has sent until a short quiet spell.
+    // What the client has sent so far: it writes before it reads a reply.
     Bytes received()
     {
-        Bytes out;
         std::uint8_t buffer[4096];
-        pollfd p{m_fd, POLLIN, 0};
-        for (ssize_t n; ::poll(&p, 1, 200) > 0 && (n = ::recv(m_fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
-            out.insert(out.end(), buffer, buffer + n);
-        return out;
+        return Bytes(buffer, buffer + std::max<ssize_t>(::recv(m_fd, buffer, sizeof buffer, MSG_DONTWAIT), 0));
     }
 
 private:
@@ -84,16 +81,25 @@ protected:
     // A script that first accepts the password check.
     static Bytes accepted(std::initializer_list<Bytes> rest) { return join({startSyncAccepted(), join(rest)}); }
 
-    // "code message" of the ServerError the call throws.
-    template <typename Call>
-    static std::string serverError(Call call)
+    // How a call against the script (after the password check) fails: "code
+    // message" of what the server said, else the kind of error; and whether
+    // the connection outlived it.
+    std::string failure(std::initializer_list<Bytes> script, const std::function<void()>& call, bool close = true)
     {
+        ScriptedServer server(m_client, accepted(script), close);
+        std::string what = "no error";
         try {
             call();
+        } catch (const UnknownCommand&) {
+            what = "unknown command";
         } catch (const ServerError& e) {
-            return std::to_string(e.code()) + " " + e.message();
+            what = std::to_string(e.code()) + " " + e.message();
+        } catch (const ProtocolError&) {
+            what = "protocol error";
+        } catch (const ClientError&) {
+            what = "client error";
         }
-        return "no error";
+        return what + (m_client.isConnected() ? " (still connected)" : "");
     }
 
     ProtocolClient m_client;
@@ -141,63 +147,44 @@ TEST_F(ProtocolClientTest, DownloadStreamsDataAndDigests)
     EXPECT_EQ(digests[1], std::string(32, '2'));
 }
 
-// Every failure ends the connection; an error packet inside a stream is
-// told from data, and no byte of a failed file reaches the sink.
+// Failures end the connection; an error packet inside a stream is told from
+// data, and no byte of a failed file reaches the sink.
 TEST_F(ProtocolClientTest, FailuresEndTheConnection)
 {
-    {
-        ScriptedServer server(m_client, accepted({errorPacket(21, "Path ~/x does not exist.")}));
-        EXPECT_EQ(serverError([&] { m_client.folderInfo("~/x"); }), "21 Path ~/x does not exist.");
-        EXPECT_FALSE(m_client.isConnected());
-    }
-    {
-        ScriptedServer server(m_client, accepted({emptyHeader(34)}));
-        EXPECT_THROW(m_client.pathExists("/"), UnknownCommand);
-        EXPECT_FALSE(m_client.isConnected());
-    }
-    {
-        ScriptedServer server(m_client, accepted({dataPacket(20, {1, 1})}));
-        EXPECT_THROW(m_client.pathExists("/"), ProtocolError);
-    }
-    {
-        // Two files asked for, none sent: a stream may end early only by error.
-        ScriptedServer server(m_client, accepted({emptyHeader(26), fileRecord("", 0)}), false);
-        EXPECT_THROW(m_client.downloadFiles({{"/d1", 7}, {"/d2", 0}}, true, {}), ProtocolError);
-    }
-    {
-        auto root = BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath("/"));
-        ScriptedServer server(m_client, accepted({emptyHeader(24), root, errorPacket(24, "0 returned while walking")}));
-        ProtocolClient::TreeHandler walk;
-        walk.onFolder = [](const RemoteFolder&) {};
-        EXPECT_EQ(serverError([&] { m_client.allFilesInFolder("/", false, walk); }), "24 0 returned while walking");
-    }
-    {
-        // A file that cannot be opened: its record, then the error packet
-        // where its data would be.
-        ScriptedServer server(m_client,
-            accepted({emptyHeader(26), fileRecord("/locked", 100), errorPacket(26, "Failed to open file: /locked")}));
-        std::size_t bytes = 0;
-        ProtocolClient::DownloadHandler handler;
-        handler.onData = [&](std::size_t, const std::uint8_t*, std::size_t n) { bytes += n; };
-        EXPECT_EQ(serverError([&] { m_client.downloadFiles({{"/locked", 0}}, false, handler); }),
-            "26 Failed to open file: /locked");
-        EXPECT_EQ(bytes, 0u);
-    }
-    ProtocolClient::UploadHandler handler;
-    handler.read = [](std::size_t, std::int64_t, std::uint8_t* b, std::size_t n) {
-        std::fill_n(b, n, 'x');
-        return n;
-    };
-    {
-        // What the server says comes instead of the byte count.
-        ScriptedServer server(m_client, accepted({dataPacket(27, number(0)), errorPacket(27, "disk full")}));
-        EXPECT_EQ(serverError([&] { m_client.uploadFiles({{"/u", 3, 0, ""}}, false, handler); }), "27 disk full");
-    }
-    // A local source that runs dry abandons the upload.
-    ScriptedServer server(m_client, accepted({dataPacket(27, number(0))}), false);
-    handler.read = [](std::size_t, std::int64_t, std::uint8_t*, std::size_t) { return std::size_t(0); };
-    EXPECT_THROW(m_client.uploadFiles({{"/u", 3, 0, ""}}, false, handler), ClientError);
-    EXPECT_FALSE(m_client.isConnected());
+    auto& c = m_client;
+    EXPECT_EQ(failure({errorPacket(21, "Path ~/x does not exist.")}, [&] { c.folderInfo("~/x"); }),
+        "21 Path ~/x does not exist.");
+    EXPECT_EQ(failure({emptyHeader(34)}, [&] { c.pathExists("/"); }), "unknown command");
+    // A malformed reply read whole leaves the connection in step.
+    EXPECT_EQ(failure({dataPacket(20, {1, 1})}, [&] { c.pathExists("/"); }), "protocol error (still connected)");
+    // Two files asked for, none sent: a stream may end early only by error.
+    EXPECT_EQ(failure({emptyHeader(26), fileRecord("", 0)},
+                  [&] { c.downloadFiles({{"/d1", 7}, {"/d2", 0}}, true, {}); }, false),
+        "protocol error");
+    ProtocolClient::TreeHandler walk;
+    walk.onFolder = [](const RemoteFolder&) {};
+    auto root = BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath("/"));
+    EXPECT_EQ(failure({emptyHeader(24), root, errorPacket(24, "0 returned while walking")},
+                  [&] { c.allFilesInFolder("/", false, walk); }),
+        "24 0 returned while walking");
+
+    // A file that cannot be opened: its record, then the error packet where its data would be.
+    std::size_t bytes = 0;
+    ProtocolClient::DownloadHandler sink;
+    sink.onData = [&](std::size_t, const std::uint8_t*, std::size_t n) { bytes += n; };
+    EXPECT_EQ(failure({emptyHeader(26), fileRecord("/locked", 100), errorPacket(26, "Failed to open file: /locked")},
+                  [&] { c.downloadFiles({{"/locked", 0}}, false, sink); }),
+        "26 Failed to open file: /locked");
+    EXPECT_EQ(bytes, 0u);
+
+    // What the server says comes instead of the byte count; a local source
+    // that runs dry abandons the upload.
+    ProtocolClient::UploadHandler source;
+    source.read = [](std::size_t, std::int64_t, std::uint8_t* b, std::size_t n) { return std::fill_n(b, n, 'x'), n; };
+    auto upload = [&] { c.uploadFiles({{"/u", 3, 0, ""}}, false, source); };
+    EXPECT_EQ(failure({dataPacket(27, number(0)), errorPacket(27, "disk full")}, upload), "27 disk full");
+    source.read = [](std::size_t, std::int64_t, std::uint8_t*, std::size_t) { return std::size_t(0); };
+    EXPECT_EQ(failure({dataPacket(27, number(0))}, upload, false), "client error");
 }
 
 } // namespace
