@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -155,23 +156,27 @@ TEST_F(FolderQueriesTest, WalksStreamTheTreeInWalkOrderOverADamagedDigestCache)
                              "/.cache/zandrel/digests.sqlite was damaged and has been rebuilt."));
 }
 
-// The folder handlers take "~" literally, so even an existing home folder
-// is missing to them, as is a plain file; the failure ends the session.
+// The folder handlers and free space take "~" literally, so even an
+// existing home folder is missing to them, as is a plain file; the failure
+// ends the session.
 TEST_F(FolderQueriesTest, TildePathsAndFilesFailWithPathDoesntExist)
 {
     home.write("tree/a.txt", "hello");
-    const std::pair<Query, std::uint8_t> queries[] = {{&FolderQueries::folderInfo, Command::FolderInfo},
-        {&FolderQueries::foldersInFolder, Command::FoldersInFolder},
-        {&FolderQueries::filesInFolder, Command::FilesInFolder},
-        {&FolderQueries::allFilesInFolder, Command::AllFilesInFolder}};
-    for (const auto& [query, code] : queries) {
+    const std::pair<std::uint8_t, std::function<void(HandlerSession&)>> handlers[] = {
+        {Command::FolderInfo, [](HandlerSession& s) { s.folders.folderInfo(); }},
+        {Command::FoldersInFolder, [](HandlerSession& s) { s.folders.foldersInFolder(); }},
+        {Command::FilesInFolder, [](HandlerSession& s) { s.folders.filesInFolder(); }},
+        {Command::AllFilesInFolder, [](HandlerSession& s) { s.folders.allFilesInFolder(); }},
+        {Command::FreeSpace, [](HandlerSession& s) { s.fileOps.freeSpace(); }}};
+    for (const auto& [code, handler] : handlers) {
         for (const std::string& path : {std::string("~/tree"), m_root + "/a.txt"}) {
             auto s = newSession();
             const bool walk = code == Command::AllFilesInFolder;
-            s->start([&s, query] { (s->folders.*query)(); }, walk ? join({text(path), flag(false)}) : text(path));
+            s->start([&s, &handler] { handler(*s); }, walk ? join({text(path), flag(false)}) : text(path));
             s->expectFailure(code, "Path " + path + " does not exist.");
         }
     }
+    EXPECT_TRUE(log.contains("Exception thrown free space: Path " + m_root + "/a.txt does not exist."));
 }
 
 } // namespace

@@ -69,7 +69,8 @@ public:
     // The command's error packet, then the failure that ends the session.
     void expectFailure(std::uint8_t code, const std::string& reason)
     {
-        SessionTest::expectSessionEndsWith(phone, code, reason);
+        SessionTest::expectNext(phone, StreamIO::errorPacket(code, reason));
+        EXPECT_TRUE(phone.waitForClose(std::chrono::seconds(5)));
         EXPECT_TRUE(failed()) << "the command did not fail";
     }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -36,13 +35,6 @@ inline void expectNext(SyncClient& client, const Bytes& expected)
 inline void expectDataPacket(SyncClient& client, std::uint8_t code, const Bytes& data)
 {
     expectNext(client, StreamIO::dataPacket(code, data));
-}
-
-// The failed command's error packet, then the session ends.
-inline void expectSessionEndsWith(SyncClient& client, std::uint8_t code, const std::string& reason)
-{
-    expectNext(client, StreamIO::errorPacket(code, reason));
-    EXPECT_TRUE(client.waitForClose(std::chrono::seconds(5)));
 }
 
 // A command that is answered proves that everything before it was consumed

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <sys/stat.h>
@@ -37,12 +38,6 @@ std::string textOf(const Bytes& bytes) { return std::string(bytes.begin(), bytes
 std::string md5(const std::string& text) { return Digest::md5Hex(text.data(), text.size()); }
 std::int64_t mtimeOf(const fs::path& path) { return LocalFile::modifiedOf(path.string()); }
 Bytes endMarker() { return BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()); }
-
-void writeFile(const fs::path& path, const std::string& contents)
-{
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << contents;
-}
 
 // A streamed file record, read through the client's decoder.
 RemoteFile readRecord(SyncClient& phone)
@@ -102,8 +97,7 @@ TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
 {
     settings->setVerbose(true);
     const auto contents = pattern(1100000, 3);
-    const auto path = at("music/a.mp3").string();
-    writeFile(path, contents);
+    const auto path = home.write("music/a.mp3", contents).string();
     download(*session, downloadFields(3, {{path, 100000}, {path, 1100000}, {path, 1500000}}, true));
     for (std::int64_t offset : {100000, 1100000, 1500000}) {
         auto record = readRecord(phone());
@@ -130,7 +124,7 @@ TEST_F(TransferTest, DownloadOfAnythingButAPlainFileFailsLikeAFileThatCannotBeOp
 {
     const auto fifo = at("fifo").string(), missing = at("gone.mp3").string();
     const auto nul = at("report.txt").string() + std::string(1, '\0') + ".new";
-    writeFile(at("report.txt"), "not to be sent");
+    home.write("report.txt", "not to be sent");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     for (const std::string& path : {missing, nul, fifo, std::string("/dev/zero")}) {
         auto s = newSession();
@@ -138,9 +132,7 @@ TEST_F(TransferTest, DownloadOfAnythingButAPlainFileFailsLikeAFileThatCannotBeOp
         auto record = readRecord(s->phone);
         EXPECT_EQ(record.fullName, path);
         if (path == missing || path == nul) {
-            EXPECT_EQ(record.size, 0u);
-            EXPECT_EQ(record.created, 0);
-            EXPECT_EQ(record.modified, 0);
+            EXPECT_EQ(std::tie(record.size, record.created, record.modified), std::tuple(0u, 0, 0));
         }
         s->expectFailure(Command::DownloadFiles, "Failed to open file: " + path);
     }
@@ -186,10 +178,10 @@ TEST_F(TransferTest, UploadBatchStartsEachFileWhereItsPartialAllows)
     const auto empty = at("a/empty.bin"), overFolder = at("a/folder.bin"), big = at("new/deeper/clip.m4v");
     const auto song = pattern(1000, 5), longContents = pattern(20, 4), folderContents = pattern(10, 6);
     const auto clip = pattern(1300000, 9);
-    writeFile(resumed.string() + ".zandrel", song.substr(0, 300));
-    writeFile(tooLong.string() + ".zandrel", pattern(50));
-    writeFile(full.string() + ".zandrel", pattern(40, 2));
-    writeFile(overFolder / "inside" / "x.txt", "in the way");
+    home.write("in/song.mp3.zandrel", song.substr(0, 300));
+    home.write("a/long.bin.zandrel", pattern(50));
+    home.write("a/full.bin.zandrel", pattern(40, 2));
+    home.write("a/folder.bin/inside/x.txt", "in the way");
     upload(*session, uploadFields(true, 6,
                          {{resumed, 1000, 1300000000}, {tooLong, 20, 1000000001}, {full, 40, 1000000002},
                              {empty, 0, 1000000003}, {overFolder, 10, 1000000004}, {big, 1300000, 1000000005}}));
@@ -227,8 +219,8 @@ TEST_F(TransferTest, UploadToAPathThatNamesNothingDropsTheDataAndTouchesNothing)
     // "report.txt\0.new" would append to and then delete report.txt; text
     // that is not UTF-8 would land in a file named "(null)".
     const auto folder = at("nul");
-    writeFile(folder / "report.txt", "keep me");
-    writeFile(folder / "report.txt.zandrel", "and me");
+    home.write("nul/report.txt", "keep me");
+    home.write("nul/report.txt.zandrel", "and me");
     const auto before = fs::current_path();
     fs::current_path(folder);
     const auto nul = (folder / "report.txt").string() + std::string(1, '\0') + ".new";
@@ -289,9 +281,8 @@ TEST_F(TransferTest, UploadCutMidFileKeepsEveryReceivedByteAndFreesTheLock)
 TEST_F(TransferTest, TwoUploadsOfOnePathAtOnceLeaveOneCompleteFile)
 {
     settings->setVerbose(true);
-    const auto path = at("same/song.mp3");
+    const auto path = home.write("same/song.mp3", "old");
     const auto longer = pattern(1500000, 11), shorter = pattern(1000000, 12);
-    writeFile(path, "old");
 
     upload(*session, uploadFields(true, 1, {{path, 1500000, 1}}));
     expectOffsets(phone(), {0});
@@ -325,9 +316,8 @@ TEST_F(TransferTest, TwoUploadsOfOnePathAtOnceLeaveOneCompleteFile)
 TEST_F(TransferTest, UploadWhosePartialIsDeletedMidwayKeepsTheOldFile)
 {
     settings->setVerbose(true);
-    const auto path = at("kept/doc.txt");
+    const auto path = home.write("kept/doc.txt", "the old version");
     const auto contents = pattern(1200000, 13);
-    writeFile(path, "the old version");
     upload(*session, uploadFields(true, 1, {{path, 1200000, 3}}));
     expectOffsets(phone(), {0});
     phone().sendRaw(bytesOf(contents.substr(0, 600000)));
