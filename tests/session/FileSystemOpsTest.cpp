@@ -27,11 +27,8 @@ const std::map<std::uint8_t, void (FileSystemOps::*)()> kHandlers = {
 
 class FileSystemOpsTest : public HandlerTest {
 protected:
-    FileSystemOpsTest() { fs::create_directories(m_dir); }
-
-    SyncClient& client() { return session->phone; }
     std::string at(const std::string& relative) const { return m_dir + "/" + relative; }
-    void write(const std::string& relative, const std::string& contents) { home.write("work/" + relative, contents); }
+    void write(const std::string& relative, const std::string& contents) { home.write(relative, contents); }
 
     void start(std::uint8_t code, const Bytes& fields, HandlerSession& s)
     {
@@ -42,7 +39,7 @@ protected:
     void expectAnswer(std::uint8_t code, const Bytes& fields, bool answer)
     {
         start(code, fields, *session);
-        expectDataPacket(client(), code, flag(answer));
+        expectDataPacket(phone(), code, flag(answer));
         session->expectAnswered();
     }
 
@@ -64,7 +61,7 @@ protected:
         expectAnswer(Command::RenameFiles, fields, answer);
     }
 
-    const std::string m_dir = (home.path() / "work").string();
+    const std::string m_dir = home.path().string();
 };
 
 TEST_F(FileSystemOpsTest, CreateDirectoriesMakesWholeChainsAndSkipsWhatExists)
@@ -172,10 +169,10 @@ TEST_F(FileSystemOpsTest, CountsOfZeroOrBelowReadNothing)
             expectAnswer(code, number(count), true);
         }
         session->start([this] { session->transfers.downloadFiles(); }, join({number(count), flag(true)}));
-        expectNext(client(), noFiles);
+        expectNext(phone(), noFiles);
         session->expectAnswered();
         session->start([this] { session->transfers.uploadFiles(); }, join({flag(true), number(count)}));
-        expectDataPacket(client(), Command::UploadFiles, {});
+        expectDataPacket(phone(), Command::UploadFiles, {});
         session->expectAnswered();
     }
     EXPECT_TRUE(log.contains("Renaming files. Count = -1"));
@@ -185,7 +182,7 @@ TEST_F(FileSystemOpsTest, CountsOfZeroOrBelowReadNothing)
 TEST_F(FileSystemOpsTest, FreeSpaceIsAnsweredThenLogged)
 {
     start(Command::FreeSpace, text(m_dir), *session);
-    auto reply = client().readReply();
+    auto reply = phone().readReply();
     ASSERT_EQ(reply.data.size(), 8u);
     std::int32_t index = 0;
     std::int64_t free = BitHelper::decodeLongLong(reply.data, index);

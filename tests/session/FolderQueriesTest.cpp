@@ -33,7 +33,6 @@ using Query = void (FolderQueries::*)();
 
 class FolderQueriesTest : public HandlerTest {
 protected:
-    SyncClient& phone() { return session->phone; }
     std::string m_root = at("tree").string();
 
     // Every file holds "hello" or nothing, so its digest is known.

@@ -125,6 +125,7 @@ protected:
 
     std::unique_ptr<HandlerSession> newSession() { return std::make_unique<HandlerSession>(*settings, *bridge); }
     std::filesystem::path at(const std::string& relative) const { return home.path() / relative; }
+    SyncClient& phone() { return session->phone; }
 
     TempHome home;
     CapturedLog log;

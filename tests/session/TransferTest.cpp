@@ -85,7 +85,6 @@ protected:
         EXPECT_TRUE(s.phone.readReply(true).isEmptyHeader);
     }
     void upload(HandlerSession& s, const Bytes& fields) { s.start([&s] { s.transfers.uploadFiles(); }, fields); }
-    SyncClient& phone() { return session->phone; }
     std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
 };
 
