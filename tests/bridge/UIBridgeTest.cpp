@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
 #include "bridge/UIBridge.h"
-#include "settings/Settings.h"
 
 namespace {
 
@@ -30,22 +28,4 @@ TEST(UIBridge, ProgressIsThirtyTwoBitPercent)
     bridge.setSettingsDialog(view);
     bridge.setProgress(50, 200);
     EXPECT_EQ(view->values, std::vector<int>{25});
-}
-
-TEST(UIBridge, TraceGatesEveryLevelButTheLinesMeantForAlways)
-{
-    TempHome home;
-    CapturedLog log;
-    auto settings = std::make_shared<Settings>(Settings::NoLoginItems{});
-    log.sink().clear();
-    UIBridge bridge(settings);
-    settings->setVerbose(true);
-    for (bool trace : {false, true}) {
-        settings->setTrace(trace);
-        bridge.logError("e");
-        bridge.logInfo("i");
-        bridge.logMessage("m");
-        bridge.logAlways("a");
-    }
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"a", "e", "i", "m", "a"}));
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -12,7 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include "client/SyncClient.h"
+#include "netns/Namespaces.h"
+#include "TestSupport.h"
 
 // zandrel-syncd as a child process with its standard output and error piped;
 // `prefix` is a command that ends by running it (unshare ... sh -c ...).
@@ -120,4 +125,26 @@ private:
     pid_t m_pid = -1;
     int m_out = -1, m_err = -1;
     std::string m_outText, m_errText;
+};
+
+// A home of its own in a network of its own, so daemons on the default port
+// in tests that ctest runs side by side never meet.
+class DaemonHome : public ::testing::Test {
+protected:
+    static constexpr const char* kSettingsFile = "Library/Preferences/com.orvantics.ZandrelSync.plist";
+
+    void SetUp() override
+    {
+        if (auto why = isolateNetwork(); !why.empty())
+            GTEST_SKIP() << "no private network for the daemon: " << why;
+    }
+    // Port 0 is out of range: the system chooses, so tests never collide.
+    std::filesystem::path writeSettings(const std::string& moreKeys = "")
+    {
+        return home.write(kSettingsFile, R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                                         R"(<key>port</key><integer>0</integer>)"
+                + moreKeys + "</dict></plist>");
+    }
+
+    TempHome home;
 };

@@ -7,37 +7,16 @@
 
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
 #include "integration/DaemonProcess.h"
-#include "netns/Namespaces.h"
 #include "wire/StreamIO.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-namespace {
-
-constexpr const char* kSettingsFile = "Library/Preferences/com.orvantics.ZandrelSync.plist";
-
-// Each test gets a network of its own, so daemons on the default port in
-// tests that ctest runs side by side never meet.
-class DaemonTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (auto why = isolateNetwork(); !why.empty())
-            GTEST_SKIP() << "no private network for the daemon: " << why;
-    }
-    TempHome home;
-};
-
-} // namespace
+using DaemonTest = DaemonHome;
 
 TEST_F(DaemonTest, ServesLogsToStandardErrorAndEndsOnSigterm)
 {
-    // Port 0 is out of range: the system chooses, so tests never collide.
-    home.write(kSettingsFile, R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                              R"(<key>port</key><integer>0</integer><key>trace</key><true/></dict></plist>)");
+    writeSettings("<key>trace</key><true/>");
     ASSERT_TRUE(runIp({"addr", "add", "192.168.1.23/24", "dev", "lo"}));
     DaemonProcess d({"--log-stderr", "--no-discovery"});
     auto out = d.out("to keep one.\n");
@@ -67,8 +46,7 @@ TEST_F(DaemonTest, ServesLogsToStandardErrorAndEndsOnSigterm)
 
 TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnlyAndBadFlagsSayWhatToDo)
 {
-    auto file = home.write(kSettingsFile, R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                                          R"(<key>port</key><integer>0</integer></dict></plist>)");
+    auto file = writeSettings();
     DaemonProcess d({"--no-discovery", "--listen", "127.0.0.2", "--strict-identify", "--read-only", "--confine"});
     auto port = d.port();
     ASSERT_NE(port, 0);

@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Eventually.h"
 #include "LoopbackServer.h"
 #include "server/SocketListener.h"
 
@@ -50,22 +51,10 @@ long virtualMemoryBytes()
     return kib * 1024;
 }
 
-// Polls `done` until it holds or 10 s have passed.
-template <typename Condition>
-bool within10s(Condition done)
-{
-    for (auto deadline = std::chrono::steady_clock::now() + 10s; !done();) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
 // The sessions have ended and their threads and descriptors are given back.
 bool backTo(LoopbackServer& server, const Usage& baseline)
 {
-    return within10s([&] {
+    return eventually([&] {
         auto usage = Usage::now();
         return server.app().listener()->connections().empty() && usage.threads <= baseline.threads
             && usage.descriptors <= baseline.descriptors;
@@ -123,7 +112,7 @@ TEST(Resources, ConnectionsLeaveNothingBehindHoweverTheyEnd)
     server.app().setSessionLifetime(500ms);
     server.start();
     identifyAndGo(server);
-    ASSERT_TRUE(within10s([&] { return server.app().listener()->connections().empty(); }));
+    ASSERT_TRUE(eventually([&] { return server.app().listener()->connections().empty(); }));
     auto baseline = Usage::now();
     const long memory = virtualMemoryBytes();
     // Phones that leave, with no stop: ended sessions are joined as they go,
@@ -212,6 +201,6 @@ TEST(Resources, ASessionThreadThatCannotStartLeavesNothingBehind)
     }
     EXPECT_TRUE(closed);
     live.clear();
-    EXPECT_TRUE(within10s([&] { return server.app().listener()->connections().empty(); }));
+    EXPECT_TRUE(eventually([&] { return server.app().listener()->connections().empty(); }));
     identifyAndGo(server);
 }

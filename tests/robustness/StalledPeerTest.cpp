@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Eventually.h"
 #include "LoopbackServer.h"
 #include "client/ProtocolClient.h"
 #include "server/SocketListener.h"
@@ -77,15 +78,10 @@ protected:
 
     bool waitForPartial(const std::string& name, std::uintmax_t size)
     {
-        auto path = m_folder / name;
-        auto deadline = std::chrono::steady_clock::now() + 10s;
-        std::error_code ec;
-        while (std::filesystem::file_size(path, ec) != size || ec) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            std::this_thread::sleep_for(10ms);
-        }
-        return true;
+        return eventually([&] {
+            std::error_code ec;
+            return std::filesystem::file_size(m_folder / name, ec) == size && !ec;
+        });
     }
 
     LoopbackServer server;
@@ -144,10 +140,7 @@ TEST_F(StalledPeers, AnUploadToldToEndWhileWaitingForTheLockEndsWithoutIt)
 {
     // The last phone's connect can return before the server has taken it in.
     auto sessions = server.app().listener()->connections();
-    for (auto deadline = std::chrono::steady_clock::now() + 5s;
-         sessions.size() < 4 && std::chrono::steady_clock::now() < deadline;
-         sessions = server.app().listener()->connections())
-        std::this_thread::sleep_for(10ms);
+    EXPECT_TRUE(eventually([&] { return (sessions = server.app().listener()->connections()).size() == 4; }));
     ASSERT_EQ(sessions.size(), 4u);
     sessions[2]->shutdown();
     // Only the waiting upload can have ended.
