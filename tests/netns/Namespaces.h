@@ -14,7 +14,11 @@ class Fd {
 public:
     Fd() = default;
     explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd() { reset(); }
+    ~Fd()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
     Fd(Fd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
     // The descriptor held before goes with `other`.
     Fd& operator=(Fd&& other) noexcept
@@ -22,17 +26,8 @@ public:
         std::swap(m_fd, other.m_fd);
         return *this;
     }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-
     int get() const { return m_fd; }
     bool valid() const { return m_fd >= 0; }
-    void reset()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-        m_fd = -1;
-    }
 
 private:
     int m_fd = -1;
