@@ -45,9 +45,7 @@ protected:
     {
         BackgroundJobs::stopAll();
         m_dialog.reset();
-        if (m_app)
-            m_app->stop();
-        m_app.reset();
+        m_app->stop();
     }
 
     template <class T>

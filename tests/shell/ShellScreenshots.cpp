@@ -1,8 +1,6 @@
-// Renders what a person sees of the tray application to PNG files: the
-// settings window (serving, with a disabled Save and its hint, and with its
-// port taken by another program), the open tray menu and the about window. Run under a
-// virtual X server by screenshots.sh; the update check points at a closed
-// local port, so nothing leaves the machine.
+// Renders what a person sees of the tray application to PNG files, under the
+// virtual X server of screenshots.sh; the update check points at a closed
+// local port.
 
 #include <cstdio>
 #include <memory>

@@ -37,16 +37,6 @@ QString LocalHttpServer::root() const
     return QStringLiteral("http://127.0.0.1:%1").arg(m_server.serverPort());
 }
 
-QString LocalHttpServer::url(const QString& path) const
-{
-    return root() + path;
-}
-
-void LocalHttpServer::serve(const QString& path, const QByteArray& body)
-{
-    m_bodies[path] = body;
-}
-
 void LocalHttpServer::answer(QTcpSocket* socket)
 {
     QByteArray head = socket->property("head").toByteArray() + socket->readAll();

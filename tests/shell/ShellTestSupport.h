@@ -33,9 +33,9 @@ class LocalHttpServer {
 public:
     LocalHttpServer();
 
-    QString url(const QString& path) const;
     QString root() const;
-    void serve(const QString& path, const QByteArray& body);
+    QString url(const QString& path) const { return root() + path; }
+    void serve(const QString& path, const QByteArray& body) { m_bodies[path] = body; }
     // Request heads as received, in order, and how many asked for a path.
     const std::vector<QByteArray>& requests() const { return m_requests; }
     int hits(const QString& path) const { return static_cast<int>(std::count(m_paths.begin(), m_paths.end(), path)); }
