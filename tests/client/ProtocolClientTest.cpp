@@ -20,10 +20,7 @@
 #include "records/RecordEncoding.h"
 #include "session/SessionTestHelpers.h"
 
-using SessionTest::flag;
-using SessionTest::join;
-using SessionTest::number;
-using SessionTest::text;
+using namespace SessionTest;
 
 namespace {
 
