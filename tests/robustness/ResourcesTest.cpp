@@ -91,12 +91,6 @@ private:
 // they go, so a limit on either fails them rather than the code under test.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
 #else
 constexpr bool kSanitized = false;
 #endif
@@ -120,8 +114,9 @@ TEST(Resources, ConnectionsLeaveNothingBehindHoweverTheyEnd)
     for (int i = 0; i < 200; ++i)
         identifyAndGo(server);
     EXPECT_TRUE(backTo(server, baseline));
-    if (!kSanitized)
+    if (!kSanitized) {
         EXPECT_LT(virtualMemoryBytes() - memory, 256l << 20);
+    }
     {
         // Phones the lifetime timer cuts off: idle, stopped inside a header,
         // and between commands.
