@@ -35,8 +35,6 @@ protected:
         ASSERT_TRUE(bindReceiver(m_phonePort.get(), "0.0.0.0", Protocol::kDiscoveryPort));
     }
 
-    void TearDown() override { m_broadcaster.reset(); }
-
     void start()
     {
         m_broadcaster = std::make_unique<Broadcaster>(m_settings, std::make_shared<UIBridge>(m_settings));

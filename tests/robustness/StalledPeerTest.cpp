@@ -53,7 +53,10 @@ protected:
         silent->sendRaw(Bytes{Command::FoldersInFolder, 40, 0, 0});
         holder = startUpload("held.bin");
         holder->sendRaw(Bytes(1000, 'h'));
-        ASSERT_TRUE(waitForPartial("held.bin.zandrel", 1000));
+        ASSERT_TRUE(eventually([&] {
+            std::error_code ec;
+            return std::filesystem::file_size(m_folder / "held.bin.zandrel", ec) == 1000 && !ec;
+        }));
         waiter = startUpload("waits.bin");
         waiter->sendRaw(Bytes(1000, 'w'));
         unread = std::make_unique<SyncClient>();
@@ -74,14 +77,6 @@ protected:
             join({flag(false), number(1), text((m_folder / name).string()), number(2000000), number(1)}));
         EXPECT_EQ(c->readReply().code, Command::UploadFiles);
         return c;
-    }
-
-    bool waitForPartial(const std::string& name, std::uintmax_t size)
-    {
-        return eventually([&] {
-            std::error_code ec;
-            return std::filesystem::file_size(m_folder / name, ec) == size && !ec;
-        });
     }
 
     LoopbackServer server;
