@@ -41,8 +41,8 @@ public:
     // Whether log lines go anywhere at all: a caller whose line is costly to
     // build (it quotes what a phone sent) asks first.
     bool logging() const;
-    // percent = done * 100 / total in 32-bit arithmetic; the overflow past
-    // 21,474,836 is how the progress has always been computed.
+    // percent = done * 100 / total in 32-bit arithmetic, overflowing past
+    // 21,474,836. kept: see docs/protocol.md (32-bit progress)
     void setProgress(std::int32_t done, std::int32_t total) const;
     static std::int32_t percent(std::int32_t done, std::int32_t total);
     // Posts a notification through the installed notifier, if any.

@@ -109,8 +109,8 @@ int rebuildIdentifier(const Settings* settings, Buffer& buffer)
     return static_cast<int>(text.size());
 }
 
-// The sender as the log has always shown it: the four address bytes in
-// network order, read as a little-endian signed 32-bit number.
+// The four address bytes in network order, read as a little-endian signed
+// 32-bit number. kept: see docs/protocol.md (query sender as a number)
 std::int32_t senderNumber(const sockaddr_in& from)
 {
     std::array<unsigned char, 4> b{};
@@ -167,8 +167,8 @@ void setUpAnswerer(AnswerState& state)
 // Waits for a query. The read set is the one the previous wait left behind,
 // never re-armed: once a wait has timed out the listening socket is no longer
 // in it, so every later wait only times out and no query is read again until
-// the broadcaster is restarted. That is how discovery has always behaved, and
-// it is kept. The timeout, on the other hand, is copied afresh: Linux writes
+// the broadcaster is restarted (kept: see docs/protocol.md, deaf query
+// socket). The timeout, on the other hand, is copied afresh: Linux writes
 // the time left back into it, so after one timeout the prepared value would be
 // zero and every later wait would return at once, spinning a core, where each
 // wait is meant to last 5 seconds. The wake descriptor rides along only so
@@ -256,7 +256,8 @@ void Broadcaster::logAlways(const std::string& message) const
 }
 
 // The same three lines for either thread; the group named is the
-// announcement's even for a reply, as it has always read.
+// announcement's even for a reply. kept: see docs/protocol.md (answer failure
+// names the announcement group)
 void Broadcaster::logShortSend(long sent, int length, int error) const
 {
     logInfo(fmt::format("Could not sendto {}", kAnnounceGroup));

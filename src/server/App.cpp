@@ -65,7 +65,8 @@ void App::serverThread()
         m_uiBridge->logInfo(fmt::format("Starting server on port {}", listener->port()));
     else
         m_uiBridge->logError(fmt::format("Error starting server: {}", error ? error->description() : "(null)"));
-    // Both lines come even when listening failed; phones' logs have always shown them.
+    // Both lines come even when listening failed.
+    // kept: see docs/protocol.md (start lines after a failed listen)
     m_uiBridge->logInfo(fmt::format("Server started on port {}", listener->port()));
     m_uiBridge->logInfo(m_settings->getIdentifier());
 
