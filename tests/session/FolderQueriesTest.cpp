@@ -138,7 +138,6 @@ TEST_F(FolderQueriesTest, ListingsDescribeWhatIsDirectlyInsideAFolder)
         BitHelper::encodeFileSyncInfoArray(files));
     EXPECT_TRUE(log.contains(sent + "/part.zandrel"));
     expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(m_root + "/sub2"), number(0));
-
 }
 
 // More files than are digested ahead still come in walk order, and a damaged

@@ -37,7 +37,6 @@ Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end());
 std::string textOf(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
 std::string md5(const std::string& text) { return Digest::md5Hex(text.data(), text.size()); }
 std::int64_t mtimeOf(const fs::path& path) { return LocalFile::modifiedOf(path.string()); }
-Bytes endMarker() { return BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()); }
 
 // A streamed file record, read through the client's decoder.
 RemoteFile readRecord(SyncClient& phone)
@@ -107,7 +106,7 @@ TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
         EXPECT_EQ(md5(textOf(phone().readExact(1100000 - from))), md5(contents.substr(from))) << offset;
         EXPECT_EQ(phone().readString(), md5(contents)) << "offset " << offset;
     }
-    EXPECT_EQ(phone().readExact(79), endMarker());
+    EXPECT_EQ(phone().readExact(79), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()));
     session->expectAnswered();
     EXPECT_TRUE(log.contains(fmt::format("Sending: {}. Offset = 100000", path)));
     EXPECT_TRUE(log.contains("Sent 512000 bytes. Offset = 612000"));
