@@ -98,8 +98,9 @@ protected:
 };
 
 // Only the default path and path exists expand "~"; the parent is text.
-// calculateFileHash reads and answers nothing.
-TEST_F(FolderQueriesTest, SmallQueriesExpandTildeOnlyWherePhonesExpectIt)
+// calculateFileHash reads and answers nothing. Listings describe what is
+// directly inside a folder.
+TEST_F(FolderQueriesTest, SmallQueriesExpandTildeOnlyWherePhonesExpectItAndListingsLookOneLevelDown)
 {
     makeTree();
     settings->setBasePath("~/Music");
@@ -111,11 +112,7 @@ TEST_F(FolderQueriesTest, SmallQueriesExpandTildeOnlyWherePhonesExpectIt)
     session->start([this] { session->folders.calculateFileHash(); });
     session->expectAnswered();
     EXPECT_TRUE(log.contains("Path exists: NO"));
-}
 
-TEST_F(FolderQueriesTest, ListingsDescribeWhatIsDirectlyInsideAFolder)
-{
-    makeTree();
     expectQuery(&FolderQueries::folderInfo, Command::FolderInfo, text(m_root),
         BitHelper::encodeDirSyncInfo(DirSyncInfo::initFromPath(m_root)));
 
