@@ -1,6 +1,5 @@
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 
@@ -19,8 +18,6 @@ namespace {
 
 std::string md5(const std::string& text) { return Digest::md5Hex(text.data(), text.size()); }
 
-void put(const fs::path& path, const std::string& contents) { std::ofstream(path, std::ios::binary) << contents; }
-
 class DigestCacheTest : public ::testing::Test {
 protected:
     // No racy window: a file written just now is kept at once.
@@ -29,7 +26,6 @@ protected:
         return std::make_unique<DigestCache>(dbFile().string(), std::chrono::nanoseconds(0));
     }
     fs::path dbFile() const { return m_home.path() / "cache" / "digests.sqlite"; }
-    fs::path file(const std::string& name) const { return m_home.path() / name; }
 
     TempHome m_home;
 };
@@ -37,51 +33,32 @@ protected:
 TEST_F(DigestCacheTest, ServesAnUnchangedFileAndSeesEveryChange)
 {
     auto cache = open();
-    fs::path f = file("a.bin");
-    put(f, "first");
+    fs::path f = m_home.write("a.bin", "first");
     EXPECT_EQ(cache->digestOf(f.string()), md5("first"));
     EXPECT_EQ(cache->lookup(*FileState::of(f.string())), md5("first"));
 
     // Same size, modification time set back: only the change time differs.
     struct stat before {};
     ::stat(f.c_str(), &before);
-    put(f, "other");
+    m_home.write("a.bin", "other");
     timespec times[2] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(::utimensat(AT_FDCWD, f.c_str(), times, 0), 0);
     EXPECT_EQ(cache->digestOf(f.string()), md5("other"));
 
     // Replaced by another file (a new inode) of the same size.
-    put(file("b.bin"), "third");
-    fs::rename(file("b.bin"), f);
+    fs::rename(m_home.write("b.bin", "third"), f);
     EXPECT_EQ(cache->digestOf(f.string()), md5("third"));
-}
 
-TEST_F(DigestCacheTest, KeepsNothingForAFileChangedJustBeforeItWasRead)
-{
-    DigestCache cache(dbFile().string());
-    fs::path f = file("fresh.bin");
-    put(f, "fresh");
-    EXPECT_EQ(cache.digestOf(f.string()), md5("fresh"));
-    EXPECT_FALSE(cache.lookup(*FileState::of(f.string())));
-}
-
-TEST_F(DigestCacheTest, SurvivesARestart)
-{
-    fs::path f = file("kept.bin");
-    put(f, "kept");
-    {
-        auto cache = open();
-        cache->digestOf(f.string());
-    }
-    EXPECT_EQ(open()->lookup(*FileState::of(f.string())), md5("kept"));
+    // With the usual racy window, a file changed just now is digested, not kept.
+    DigestCache careful((m_home.path() / "careful.sqlite").string());
+    EXPECT_EQ(careful.digestOf(f.string()), md5("third"));
+    EXPECT_FALSE(careful.lookup(*FileState::of(f.string())));
 }
 
 TEST_F(DigestCacheTest, ADamagedFileIsRebuiltAndAnUnusableOneBypassed)
 {
-    fs::create_directories(dbFile().parent_path());
-    put(dbFile(), std::string(8192, 'x'));
-    fs::path f = file("a.bin");
-    put(f, "contents");
+    m_home.write("cache/digests.sqlite", std::string(8192, 'x'));
+    fs::path f = m_home.write("a.bin", "contents");
     {
         auto cache = open();
         EXPECT_EQ(cache->digestOf(f.string()), md5("contents"));
@@ -90,11 +67,10 @@ TEST_F(DigestCacheTest, ADamagedFileIsRebuiltAndAnUnusableOneBypassed)
         EXPECT_NE(problem->find("rebuilt"), std::string::npos) << *problem;
         EXPECT_FALSE(cache->takeProblem()) << "one line, once";
     }
-    EXPECT_EQ(open()->lookup(*FileState::of(f.string())), md5("contents"));
+    EXPECT_EQ(open()->lookup(*FileState::of(f.string())), md5("contents")) << "kept across a restart";
 
     // A cache whose folder cannot be made: digests still come, from memory.
-    put(file("plain"), "");
-    DigestCache unusable((file("plain") / "digests.sqlite").string(), std::chrono::nanoseconds(0));
+    DigestCache unusable((m_home.write("plain", "") / "digests.sqlite").string(), std::chrono::nanoseconds(0));
     EXPECT_EQ(unusable.digestOf(f.string()), md5("contents"));
     EXPECT_TRUE(unusable.takeProblem());
     EXPECT_EQ(unusable.digestOf(f.string()), md5("contents"));
