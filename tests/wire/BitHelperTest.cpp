@@ -6,19 +6,15 @@
 
 using namespace BitHelper;
 
-TEST(BitHelper, EncodersCountUtf8BytesAndTruncateDates)
+TEST(BitHelper, StringsCountUtf8BytesAndOffsetArraysHaveNoCount)
 {
     // Strings count UTF-8 bytes; an absent one is empty.
     EXPECT_EQ(encodeString(std::optional<std::string>()), Bytes(8, 0));
     EXPECT_EQ(encodeString("\xC3\xA9"), (Bytes{2, 0, 0, 0, 0, 0, 0, 0, 0xC3, 0xA9}));
 
+    // Offsets go out bare: the packet's length tells how many.
     EXPECT_TRUE(encodeLongLongArray({}).empty());
     EXPECT_EQ(encodeLongLongArray({5, 6}), (Bytes{5, 0, 0, 0, 0, 0, 0, 0, 6, 0, 0, 0, 0, 0, 0, 0}));
-
-    // Dates are whole seconds, truncated toward zero.
-    EXPECT_EQ(encodeDate(1.9), encodeLongLong(1));
-    EXPECT_EQ(encodeDate(-1.9), encodeLongLong(-1));
-    EXPECT_EQ(encodeDate(std::nullopt), encodeLongLong(0));
 }
 
 TEST(BitHelper, DecodersMoveTheCursorAndFailPastTheEnd)
