@@ -99,10 +99,6 @@ TEST_F(UpdateDialogTest, OnlyANewerVersionShowsTheOfferAndTheButton)
     download();
     EXPECT_EQ(m_dialog->statusMessage(), "\r\rRetrieval Error");
     EXPECT_FALSE(fs::exists(package()));
-
-    UpdateCheck::setUpdateInfoURL(unansweredURL());
-    open();
-    EXPECT_EQ(m_dialog->statusMessage(), "Retrieval Error");
 }
 
 TEST_F(UpdateDialogTest, ForeignPackageHostIsRefusedBeforeDownloading)
