@@ -2,7 +2,7 @@
 # Writes PNG screenshots of the settings window, the open tray menu and the
 # about window into <build-dir>/screenshots, under a virtual X server, in a
 # private network namespace, with a throwaway home folder.
-# Usage: tests/shell/screenshots.sh [build-dir]
+# Usage: tools/screenshots/screenshots.sh [build-dir]
 set -euo pipefail
 
 build=$(cd "${1:-build}" && pwd)
