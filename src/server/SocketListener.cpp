@@ -32,9 +32,8 @@ SocketListener::~SocketListener()
     shutdown();
 }
 
-void SocketListener::handleNewConnection(std::optional<Bytes>, StreamPair streams)
+void SocketListener::handleNewConnection(std::optional<Bytes> address, StreamPair streams)
 {
-    // The peer's address is not used: every connection gets a session.
     reapFinished();
     // Held while the session starts, so that one ending at once waits to
     // remove itself until it is on the list.
@@ -43,7 +42,8 @@ void SocketListener::handleNewConnection(std::optional<Bytes>, StreamPair stream
         // Made room for first: once the thread runs, nothing may fail here.
         m_servers.reserve(m_servers.size() + 1);
         m_servers.push_back(SocketServer::create(std::move(streams), m_settings, m_uiBridge,
-            std::weak_ptr<SessionRegistry>(shared_from_this()), runLoop(), m_lifetime));
+            std::weak_ptr<SessionRegistry>(shared_from_this()), runLoop(), m_lifetime,
+            Peer::fromSocketAddress(address)));
     } catch (...) {
         // The connection is simply dropped.
     }

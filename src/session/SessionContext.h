@@ -5,6 +5,7 @@
 #include <exception>
 #include <string>
 
+#include "session/Peer.h"
 #include "wire/StreamIO.h"
 
 class InputStream;
@@ -13,8 +14,9 @@ class UIBridge;
 
 // What a session lends its command handlers: the byte layer, the
 // connection's input (an upload waits on it), the shared settings and
-// bridge, and the flag that turns false once nobody will read an answer
-// (stop, the lifetime timer), which cuts long digests short. All of it
+// bridge, the flag that turns false once nobody will read an answer
+// (stop, the lifetime timer), which cuts long digests short, and the phone's
+// address. All of it
 // belongs to the session and outlives its handlers; used on the session
 // thread only.
 struct SessionContext {
@@ -23,6 +25,7 @@ struct SessionContext {
     const Settings& settings;
     const UIBridge& bridge;
     const std::atomic<bool>& answerable;
+    const Peer& peer;
 };
 
 // Runs one handler's body inside the failure pattern every handler shares:

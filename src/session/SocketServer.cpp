@@ -16,10 +16,10 @@
 
 SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
     std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io,
-    std::chrono::milliseconds lifetime)
+    std::chrono::milliseconds lifetime, Peer peer)
 {
-    std::shared_ptr<SocketServer> session(
-        new SocketServer(std::move(streams), std::move(settings), std::move(uiBridge), std::move(listener), io));
+    std::shared_ptr<SocketServer> session(new SocketServer(
+        std::move(streams), std::move(settings), std::move(uiBridge), std::move(listener), io, std::move(peer)));
 
     // The thread waits for creation to finish, so that "Added connection."
     // always precedes the session's own lines. When the thread cannot be
@@ -55,12 +55,13 @@ SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<S
 }
 
 SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
-    std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io)
+    std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io, Peer peer)
     : m_uiBridge(std::move(uiBridge))
     , m_istream(std::move(streams.input))
     , m_ostream(std::move(streams.output))
     , m_settings(std::move(settings))
     , m_listener(std::move(listener))
+    , m_peer(std::move(peer))
     , m_io(*m_istream, *m_ostream, *this)
     , m_loop(std::move(io))
     , m_folders(handlerContext())
@@ -77,7 +78,7 @@ SocketServer::~SocketServer() = default;
 
 SessionContext SocketServer::handlerContext()
 {
-    return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable};
+    return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable, m_peer};
 }
 
 void SocketServer::shutdown()

@@ -55,12 +55,13 @@ public:
     // the thread cannot be made; the connection is then closed.
     static Started create(StreamPair streams, std::shared_ptr<Settings> settings,
         std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener,
-        std::shared_ptr<asio::io_context> io, std::chrono::milliseconds lifetime = kLifetime);
+        std::shared_ptr<asio::io_context> io, std::chrono::milliseconds lifetime = kLifetime, Peer peer = {});
     ~SocketServer() override;
     SocketServer(const SocketServer&) = delete;
     SocketServer& operator=(const SocketServer&) = delete;
 
     bool isConnected() const { return m_connected; }
+    const Peer& peer() const { return m_peer; }
     // Ends the session: clears the keep-running flag and closes both
     // streams, which wakes whatever the thread waits for (the next command,
     // a read from a stalled peer, a full socket, the upload lock) and fails
@@ -69,7 +70,7 @@ public:
 
 private:
     SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
-        std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io);
+        std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io, Peer peer);
 
     void threadProc(const std::stop_token& stop);
     void commandLoop();
@@ -98,6 +99,8 @@ private:
     std::shared_ptr<OutputStream> m_ostream;
     std::shared_ptr<Settings> m_settings;
     std::weak_ptr<SessionRegistry> m_listener;
+    // Before the handlers, which keep a reference to it.
+    const Peer m_peer;
     StreamIO m_io;
     // Declared before the timer so that the loop outlives it.
     std::shared_ptr<asio::io_context> m_loop;

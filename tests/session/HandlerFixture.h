@@ -107,7 +107,8 @@ private:
     std::atomic<bool> m_answerable{true};
     StreamPair m_streams = openPair(phone);
     StreamIO m_io{*m_streams.input, *m_streams.output, *this};
-    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, m_answerable};
+    Peer m_peer{"127.0.0.1", 50000};
+    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, m_answerable, m_peer};
     std::thread m_thread;
     std::exception_ptr m_failure;
 
