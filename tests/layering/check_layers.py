@@ -17,7 +17,7 @@ FLOORS = [
     ["server"],
     ["session", "discovery"],
     ["cache"],
-    ["bridge"],
+    ["bridge", "journal"],
     ["settings", "records"],
     ["wire", "log"],
 ]

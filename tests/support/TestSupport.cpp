@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 TempHome::TempHome()
 {
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"})
         if (const char* value = std::getenv(name))
             m_saved.emplace_back(name, value);
     std::string tmpl = (fs::temp_directory_path() / "zandrel-home-XXXXXX").string();
@@ -25,13 +25,16 @@ TempHome::TempHome()
     ::setenv("XDG_CONFIG_HOME", (m_path / ".config").c_str(), 1);
     // The digest cache too: no test writes to the real one.
     ::setenv("XDG_CACHE_HOME", (m_path / ".cache").c_str(), 1);
+    // The activity journal and the trash as well.
+    ::setenv("XDG_STATE_HOME", (m_path / ".local/state").c_str(), 1);
+    ::setenv("XDG_DATA_HOME", (m_path / ".local/share").c_str(), 1);
 }
 
 TempHome::~TempHome()
 {
     std::error_code ec;
     fs::remove_all(m_path, ec);
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"})
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"})
         ::unsetenv(name);
     for (const auto& [name, value] : m_saved)
         ::setenv(name.c_str(), value.c_str(), 1);

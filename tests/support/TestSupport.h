@@ -11,8 +11,8 @@
 
 #include "log/SystemLog.h"
 
-// A fresh temporary folder used as $HOME (and XDG_CONFIG_HOME and
-// XDG_CACHE_HOME below it) for the life of the object; the old values come
+// A fresh temporary folder used as $HOME (and the XDG config, cache, state
+// and data homes below it) for the life of the object; the old values come
 // back and the folder goes.
 class TempHome {
 public:
