@@ -29,14 +29,18 @@ void pushFront(std::deque<std::string>& pending, const fs::path& path)
     pending.insert(pending.begin(), parts.begin(), parts.end());
 }
 
-// Where the kernel would take a path from this process's working folder:
-// every symbolic link followed, dangling ones too (a file created through a
-// dangling link lands at its target), and ".." taken from the real parent.
-// The part that does not exist yet is kept as written. Nothing when the
-// path cannot be worked out: a link loop, an unreadable link, or ".." below
-// a folder that does not exist (the platform's create-all would make that
-// folder first, wherever it is).
-std::optional<fs::path> resolve(const std::string& text)
+// Confinement: the path must lead to the base folder (the one the default
+// path command answers) or below it.
+bool insideBaseFolder(const std::string& path, const Settings& settings)
+{
+    const auto base = resolved(Paths::expandTilde(settings.getBasePath()));
+    const auto target = resolved(path);
+    return base && target && contains(*base, *target);
+}
+
+} // namespace
+
+std::optional<fs::path> resolved(const std::string& text)
 {
     std::error_code ec;
     const fs::path absolute = fs::absolute(text, ec);
@@ -83,7 +87,6 @@ std::optional<fs::path> resolve(const std::string& text)
     return result;
 }
 
-// Component by component, so "/base" does not contain "/base2".
 bool contains(const fs::path& folder, const fs::path& path)
 {
     auto f = folder.begin();
@@ -94,17 +97,6 @@ bool contains(const fs::path& folder, const fs::path& path)
     }
     return true;
 }
-
-// Confinement: the path must lead to the base folder (the one the default
-// path command answers) or below it.
-bool insideBaseFolder(const std::string& path, const Settings& settings)
-{
-    const auto base = resolve(Paths::expandTilde(settings.getBasePath()));
-    const auto resolved = resolve(path);
-    return base && resolved && contains(*base, *resolved);
-}
-
-} // namespace
 
 std::optional<std::string> of(const std::optional<std::string>& received, const Settings& settings)
 {

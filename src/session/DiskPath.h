@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -18,5 +19,15 @@ namespace DiskPath {
 // With the settings' confinement on, a path that leads outside the base
 // folder once its symbolic links and ".." are followed names nothing too.
 std::optional<std::string> of(const std::optional<std::string>& received, const Settings& settings);
+
+// Where the kernel would take `text` from this process's working folder:
+// every symbolic link followed (dangling ones too), ".." taken from the real
+// parent, the part that does not exist yet kept as written. Nothing when it
+// cannot be worked out (a link loop, ".." below a missing folder).
+std::optional<std::filesystem::path> resolved(const std::string& text);
+
+// Whether `path` is `folder` or lies below it, component by component, so
+// "/base" does not contain "/base2".
+bool contains(const std::filesystem::path& folder, const std::filesystem::path& path);
 
 } // namespace DiskPath

@@ -9,11 +9,13 @@
 #include <fmt/format.h>
 
 #include "bridge/UIBridge.h"
+#include "session/DeleteGuard.h"
 #include "session/DiskPath.h"
 #include "session/FileSystem.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
+#include "wire/Paths.h"
 #include "wire/SyncException.h"
 
 namespace {
@@ -147,7 +149,10 @@ void FileSystemOps::deleteFolders()
     guarded(m_ctx.io, Command::DeleteFolders, context, [&] {
         runBatch(m_ctx.io, m_ctx.bridge, Command::DeleteFolders, context, "Deleting folders", [&] {
             auto path = m_ctx.io.readString(context);
-            return report(deleteFolderOne(onDisk(path), mayChange()), m_ctx.bridge,
+            auto disk = onDisk(path);
+            if (refused(disk, shown(path)))
+                return Outcome::Failed;
+            return report(deleteFolderOne(disk, mayChange()), m_ctx.bridge,
                 fmt::format("Deleted directory: {}", shown(path)),
                 fmt::format("Could not delete directory: {}", shown(path)));
         });
@@ -191,6 +196,17 @@ void FileSystemOps::freeSpace()
 std::optional<std::string> FileSystemOps::onDisk(const std::optional<std::string>& received) const
 {
     return DiskPath::of(received, m_ctx.settings);
+}
+
+bool FileSystemOps::refused(const std::optional<std::string>& disk, const std::string& shownPath) const
+{
+    if (!disk)
+        return false;
+    auto holds = DeleteGuard::check(*disk, Paths::homeDirectory(), m_ctx.settings.getBasePath());
+    if (holds == DeleteGuard::Holds::Nothing)
+        return false;
+    m_ctx.bridge.logInfo(DeleteGuard::refusal(shownPath, holds));
+    return true;
 }
 
 bool FileSystemOps::mayChange() const

@@ -22,6 +22,11 @@ public:
 private:
     // Where a received path leads on disk, if anywhere.
     std::optional<std::string> onDisk(const std::optional<std::string>& received) const;
+    // True (and logged) when removing the path would take the home or base
+    // folder with it: that item fails, the batch goes on. Files and renames
+    // need no such check: they never act on a folder, nor on a link to one.
+    // See docs/protocol.md (folders that hold the home or base folder).
+    bool refused(const std::optional<std::string>& disk, const std::string& shownPath) const;
     // Off under read only: the change of each item is left out.
     bool mayChange() const;
 

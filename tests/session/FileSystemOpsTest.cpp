@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "HandlerFixture.h"
+#include "session/DeleteGuard.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
 
@@ -225,6 +226,49 @@ TEST_F(FileSystemOpsTest, ConfinedPathsOutsideTheBaseFolderNameNothing)
     expectNext(s.phone, number(3));
     s.expectAnswered();
     EXPECT_FALSE(fs::exists(at("outside/new.txt")));
+}
+
+// Removing a folder never takes the home or base folder with it, however
+// the path names it. The refusal is checked as a rule here, "/" included
+// (no test ever sends a delete of "/"), and then through the handler, with
+// $HOME moved one level down the scratch folder so that its parent is
+// scratch too. A link to the home folder is only a link: removing it leaves
+// the home folder alone, so it holds nothing.
+TEST_F(FileSystemOpsTest, FoldersHoldingTheHomeOrBaseFolderAreRefusedItemByItem)
+{
+    using DeleteGuard::Holds;
+    const std::string user = at("user"), homeDir = at("user/home"), base = at("base");
+    fs::create_directories(homeDir + "/inside/deep");
+    fs::create_directories(base + "/sub");
+    fs::create_directories(at("base2"));
+    fs::create_directory_symlink(homeDir, at("link-to-home"));
+    fs::create_directory_symlink(user, at("link-to-user"));
+    const std::string link = at("link-to-home");
+    for (const auto& [path, holds] : {std::pair<std::string, Holds>{"/", Holds::HomeFolder}, {"//", Holds::HomeFolder},
+             {"/.", Holds::HomeFolder}, {homeDir + "/", Holds::HomeFolder}, {homeDir + "/..", Holds::HomeFolder},
+             {"~", Holds::HomeFolder}, {"~/", Holds::HomeFolder}, {"~/inside/../.", Holds::HomeFolder},
+             {link + "/.", Holds::HomeFolder}, {link + "/..", Holds::HomeFolder},
+             {at("link-to-user/home"), Holds::HomeFolder}, {base, Holds::BaseFolder},
+             {base + "/sub/..//", Holds::BaseFolder}, {m_dir, Holds::HomeFolder}, {link, Holds::Nothing},
+             {link + "/", Holds::Nothing}, {"~/inside", Holds::Nothing}, {homeDir + "/inside/deep", Holds::Nothing},
+             {base + "/sub", Holds::Nothing}, {at("base2"), Holds::Nothing}})
+        EXPECT_EQ(DeleteGuard::check(path, homeDir, base), holds) << path;
+    // Home and base may be given as settings hold them, with "~".
+    EXPECT_EQ(DeleteGuard::check(homeDir + "/inside/..", homeDir, "~/Documents"), Holds::HomeFolder);
+    EXPECT_EQ(DeleteGuard::check(homeDir + "/Documents", homeDir, "~/Documents"), Holds::BaseFolder);
+
+    ::setenv("HOME", homeDir.c_str(), 1);
+    settings->setBasePath(base);
+    batch(Command::DeleteFolders, {homeDir, user, base, homeDir + "/inside", link}, false);
+    EXPECT_TRUE(fs::is_directory(homeDir));
+    EXPECT_TRUE(fs::is_directory(base + "/sub"));
+    EXPECT_FALSE(fs::exists(homeDir + "/inside"));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
+    for (const auto& line : {"Refused to delete " + homeDir + ": it holds the home folder",
+             "Refused to delete " + user + ": it holds the home folder",
+             "Refused to delete " + base + ": it holds the base folder", "Deleted directory: " + homeDir + "/inside"})
+        EXPECT_TRUE(log.contains(line)) << line;
+    EXPECT_FALSE(log.contains("Could not delete directory: " + homeDir));
 }
 
 } // namespace
