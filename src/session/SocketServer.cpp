@@ -14,6 +14,13 @@
 #include "wire/Commands.h"
 #include "wire/SyncException.h"
 
+namespace {
+
+// What the log shows in place of a password hash, received or stored.
+constexpr std::string_view kHidden = "(hidden)";
+
+} // namespace
+
 SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
     std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io,
     std::chrono::milliseconds lifetime, Peer peer)
@@ -173,13 +180,15 @@ void SocketServer::commandLoop()
 void SocketServer::verifyPassword(std::uint8_t code)
 {
     try {
-        // A phone decides how long this is, so it is neither copied nor
-        // quoted in a log line that nobody will see.
+        // A phone decides how long this is, so it is not copied.
         const auto received = m_io.readString("verifying password");
         const bool logging = m_uiBridge->logging();
+        // The hash is what a phone logs in with, so the lines keep their
+        // text but never the hash itself: whoever reads the log could log
+        // in as any phone. See docs/protocol.md (password hashes in the log).
         // Absent (not UTF-8) prints as "(null)".
         // kept: see docs/protocol.md (text that is not UTF-8)
-        auto shown = [&]() -> std::string_view { return received ? std::string_view(*received) : "(null)"; };
+        auto shown = [&]() -> std::string_view { return received ? kHidden : "(null)"; };
         if (logging)
             logInfo(fmt::format("Received password: {}", shown()));
         if (code == Command::IdentifyHost && !m_settings->getStrictIdentify()) {
@@ -197,7 +206,7 @@ void SocketServer::verifyPassword(std::uint8_t code)
         } else {
             requirePassword();
             if (logging)
-                logInfo(fmt::format("Not authenticated.  Received '{}' != '{}'.", shown(), stored));
+                logInfo(fmt::format("Not authenticated.  Received '{}' != '{}'.", shown(), kHidden));
         }
     } catch (const std::exception& failure) {
         m_io.writeErrorPacket(Command::PasswordFailed, failure, "verifying password");

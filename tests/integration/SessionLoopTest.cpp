@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <regex>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include "LoopbackServer.h"
 #include "session/SessionTestHelpers.h"
 #include "wire/BitHelper.h"
+#include "wire/Digest.h"
 #include "wire/Paths.h"
 #include "wire/StreamIO.h"
 
@@ -54,7 +56,7 @@ TEST_F(SessionLoop, IdentifyLogsInWhateverThePasswordUnlessStrict)
 
     EXPECT_TRUE(server.log().waitFor("Authenticated."));
     for (const auto& line : {"Identifying host: " + id, std::string("Starting sync."), std::string("Finished sync."),
-             "Not authenticated.  Received 'wrong' != '" + server.hash() + "'."})
+             std::string("Not authenticated.  Received '(hidden)' != '(hidden)'.")})
         EXPECT_TRUE(server.log().contains(line)) << line;
 
     server.settings().setStrictIdentify(true);
@@ -146,9 +148,34 @@ TEST_F(SessionLoop, PeerLeavingBetweenCommandsLogsTheSessionLinesOnly)
     ASSERT_TRUE(server.log().waitFor("Connection closed."));
     std::vector<std::string> expected{"Added connection.",
         "Command: 17, Len = " + std::to_string(8 + server.hash().size()),
-        "Received password: " + server.hash(), "Authenticated.", "Starting sync.", "Connection closed."};
+        "Received password: (hidden)", "Authenticated.", "Starting sync.", "Connection closed."};
     auto lines = server.log().lines();
     auto first = std::find(lines.begin(), lines.end(), "Added connection.");
     ASSERT_NE(first, lines.end());
     EXPECT_EQ(std::vector<std::string>(first, lines.end()), expected);
+}
+
+// The log never holds what a phone logs in with: right, wrong (another
+// hash) or absent, the password lines show "(hidden)" or "(null)". The one
+// 32-digit run left is the identifier's MD5 of the stored hash, which every
+// phone on the network receives in the announcements anyway.
+TEST_F(SessionLoop, NoLogLineHoldsAPasswordHash)
+{
+    auto c = server.connect();
+    c->sendCommand(17);
+    c->readExact(19);
+    c->sendCommandWithPassword(33, SyncClient::hashPassword("not the password"));
+    EXPECT_EQ(c->readExact(18), passwordRequired());
+    c->readExact(19);
+    c->sendCommand(14);
+    c->readReply();
+    c->close();
+    ASSERT_TRUE(server.log().waitFor("Connection closed."));
+    EXPECT_TRUE(server.log().contains("Not authenticated.  Received '(hidden)' != '(hidden)'."));
+    const std::regex hexRun("[0-9A-Fa-f]{32}");
+    const std::string announced = Digest::md5OfString(server.hash());
+    for (const auto& line : server.log().lines()) {
+        for (std::sregex_iterator m(line.begin(), line.end(), hexRun), end; m != end; ++m)
+            EXPECT_EQ(m->str(), announced) << line;
+    }
 }
