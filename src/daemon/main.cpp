@@ -29,7 +29,8 @@ Options:
   --log-stderr     write log lines to standard error instead of the system log
                    (lines appear only when logging is on in the settings)
   --no-discovery   do not announce the server or answer phones looking for it
-  --listen ADDRESS listen on this one IPv4 address only (default: all)
+  --listen ADDRESS listen on this one IPv4 address only (default: all); on a
+                   loopback address such as 127.0.0.1 discovery is off
   --confine        refuse every path outside the base folder
   --read-only      let phones browse and download, never change a file
   --strict-identify
@@ -79,15 +80,18 @@ void warnIfSettingsUnwritable()
 }
 
 // Where a phone finds this server: every LAN address with the port, or the
-// one address it listens on.
+// one address it listens on (on loopback only, no phone finds it: say so).
 std::string servingLine(std::uint16_t port, const Settings& settings)
 {
     const std::string listen = settings.getListenAddress();
     const auto addresses = listen.empty() ? settings.validIPAddresses() : std::vector<std::string>{listen};
     std::string where = addresses.empty() ? std::string("no network address yet (only this computer can connect)")
                                           : fmt::format("{}", fmt::join(addresses, ", "));
-    return fmt::format("zandrel-syncd serving on port {} at {} (settings: {})", port, where,
+    std::string line = fmt::format("zandrel-syncd serving on port {} at {} (settings: {})", port, where,
         Settings::preferencesPath());
+    if (App::discoveryOffFor(settings))
+        line += fmt::format("; discovery off: listening on {} only", listen);
+    return line;
 }
 
 // A port outside 1024-65535 is replaced by one the system chooses (phones

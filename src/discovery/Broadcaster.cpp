@@ -208,8 +208,18 @@ Broadcaster::~Broadcaster()
         ::close(m_wakeFd);
 }
 
+bool Broadcaster::staysSilent(const std::string& listenAddress)
+{
+    in_addr address{};
+    if (listenAddress.find('\0') != std::string::npos || ::inet_pton(AF_INET, listenAddress.c_str(), &address) != 1)
+        return false;
+    return (ntohl(address.s_addr) >> 24) == 127;
+}
+
 void Broadcaster::startBroadcasting()
 {
+    if (m_settings && staysSilent(m_settings->getListenAddress()))
+        return;
     std::lock_guard threads(m_threadsMutex);
     if (m_announcer.joinable() || m_answerer.joinable())
         return;

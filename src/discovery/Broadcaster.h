@@ -24,9 +24,16 @@ public:
     Broadcaster(const Broadcaster&) = delete;
     Broadcaster& operator=(const Broadcaster&) = delete;
 
+    // Starts both threads, unless the server listens on loopback only.
     void startBroadcasting();
     // Asks both threads to end and returns once they have.
     void stopBroadcasting();
+
+    // A server that listens on a loopback address only is out of every
+    // phone's reach, so it is neither announced nor answered for: nothing
+    // is bound on the discovery port. See docs/protocol.md (loopback server
+    // not announced).
+    static bool staysSilent(const std::string& listenAddress);
 
 private:
     void threadProc(const std::stop_token& stop);

@@ -126,6 +126,11 @@ void App::stop()
         m_serverThread.join();
 }
 
+bool App::discoveryOffFor(const Settings& settings)
+{
+    return Broadcaster::staysSilent(settings.getListenAddress());
+}
+
 std::optional<std::uint16_t> App::waitUntilRunning(std::chrono::milliseconds timeout)
 {
     std::unique_lock lock(m_mutex);

@@ -39,6 +39,9 @@ public:
     bool isRunning() const { return m_isRunning; }
     // When off, the broadcaster is made but never started (daemon --no-discovery).
     void setDiscoveryEnabled(bool enabled) { m_discovery = enabled; }
+    // True when the settings' listen address keeps discovery off whatever
+    // the switch says: a server on loopback only is announced to nobody.
+    static bool discoveryOffFor(const Settings& settings);
     // How long each connection lives (360 s); only tests shorten it. Takes
     // effect at the next start.
     void setSessionLifetime(std::chrono::milliseconds lifetime) { m_sessionLifetime = lifetime; }

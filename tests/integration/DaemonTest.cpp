@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -65,6 +66,23 @@ TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnlyAndBadFlagsSayWhatToDo)
         EXPECT_EQ(bad.exitCode(), 2);
         EXPECT_NE(bad.err(says, 5s).find(says), std::string::npos);
     }
+}
+
+// On loopback only the daemon says it is not discoverable, and binds nothing
+// on the discovery port (its own namespace: nothing else runs there).
+TEST_F(DaemonTest, ALoopbackListenAddressTurnsDiscoveryOffAndSaysSo)
+{
+    writeSettings();
+    DaemonProcess d({"--listen", "127.0.0.1"});
+    auto out = d.out("\n");
+    EXPECT_NE(out.find("); discovery off: listening on 127.0.0.1 only\n"), std::string::npos) << out;
+    // The discovery port, 31415, as /proc lists it.
+    const auto udp = "/proc/" + std::to_string(d.pid()) + "/net/udp";
+    bool bound = false;
+    for (int check = 0; check < 10 && !bound; ++check, std::this_thread::sleep_for(100ms))
+        bound = readFile(udp).find(":7AB7 ") != std::string::npos;
+    EXPECT_FALSE(bound) << "the discovery port is bound";
+    EXPECT_EQ(d.terminate(), 0);
 }
 
 TEST_F(DaemonTest, FreshBrokenOrUnwritableSettingsFilesLeaveTheDefaultsServing)

@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+#include <sys/socket.h>
+
 #include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
@@ -137,6 +139,44 @@ TEST_F(DiscoveryBetweenHosts, AfterAQuietWaitQueriesAreNoLongerRead)
         EXPECT_FALSE(receive(m_phonePort.get(), 100ms)) << "a query was still read after the quiet wait";
     }
     EXPECT_FALSE(m_log.contains("Tier 2 connect"));
+}
+
+// Listening on loopback only, the server is out of every phone's reach:
+// nothing is announced, no query answered, nothing bound on the discovery
+// port. Listening on one other address, announcements and answers name that
+// address alone, though the desktop has two.
+TEST_F(DiscoveryBetweenHosts, ALoopbackServerIsNotAnnouncedAndAnotherSingleAddressIsAnnouncedAlone)
+{
+    ASSERT_TRUE(runIp({"addr", "add", "10.77.9.9/24", "dev", "lo"}));
+    ASSERT_TRUE(joinGroup(m_phonePort.get(), Protocol::kAnnounceGroup));
+    m_settings->setListenAddress("127.0.0.1");
+    start();
+    Fd sender = m_hosts.phoneSocket();
+    int heard = 0;
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        sendDatagram(sender.get(), kQuery, Protocol::kQueryGroup, Protocol::kDiscoveryPort);
+        heard += receive(m_phonePort.get(), 100ms) ? 1 : 0;
+    }
+    EXPECT_EQ(heard, 0) << "a loopback server was announced or answered for";
+    Fd port(::socket(AF_INET, SOCK_DGRAM, 0));
+    EXPECT_TRUE(bindReceiver(port.get(), "0.0.0.0", Protocol::kDiscoveryPort)) << "the discovery port is bound";
+    m_broadcaster.reset();
+
+    m_settings->setListenAddress("");
+    ASSERT_NE(m_settings->getIdentifier().find("10.77.9.9"), std::string::npos);
+    m_settings->setListenAddress(TwoHosts::kDesktop);
+    const std::string identifier = m_settings->getIdentifier();
+    EXPECT_NE(identifier.find(std::string(":") + TwoHosts::kDesktop + ":"), std::string::npos) << identifier;
+    EXPECT_EQ(identifier.find("10.77.9.9"), std::string::npos) << identifier;
+    port = Fd();
+    start();
+    auto announcement = receive(m_phonePort.get(), 3s);
+    ASSERT_TRUE(announcement) << "no announcement";
+    EXPECT_EQ(announcement->payload, identifier);
+    auto answer = queryUntilAnswered(kQuery);
+    ASSERT_TRUE(answer) << "no answer";
+    EXPECT_EQ(answer->payload, identifier);
+    EXPECT_EQ(answer->to, TwoHosts::kPhone);
 }
 
 } // namespace
