@@ -40,6 +40,9 @@ bool insideBaseFolder(const std::string& path, const Settings& settings)
 
 } // namespace
 
+// Dangling links are followed because a file created through one lands at
+// its target; ".." below a folder that does not exist gives nothing because
+// the platform's create-all would make that folder first, wherever it is.
 std::optional<fs::path> resolved(const std::string& text)
 {
     std::error_code ec;
