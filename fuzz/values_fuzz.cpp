@@ -25,7 +25,7 @@ void decodeValues(const Bytes& data)
     std::int32_t index = 0;
     std::size_t steps = 0;
     while (index >= 0 && static_cast<std::size_t>(index) < data.size() && steps++ < 64) {
-        const std::uint8_t pick = data[static_cast<std::size_t>(index)] % 5;
+        const std::uint8_t pick = data[static_cast<std::size_t>(index)] % 4;
         ++index;
         const std::int32_t before = index;
         try {
@@ -51,9 +51,6 @@ void decodeValues(const Bytes& data)
                 }
                 break;
             }
-            case 3:
-                BitHelper::decodeDate(data, index);
-                break;
             default:
                 BitHelper::decodeLongLongNumber(data, index);
                 break;
@@ -89,6 +86,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     tryDecode([&] { RecordDecoder::decodeRecordBody(data); });
     tryDecode([&] { RecordDecoder::decodeFolderList(data); });
     tryDecode([&] { RecordDecoder::decodeFileList(data); });
-    tryDecode([&] { RecordDecoder::decodeFolderRecord(data); });
     return 0;
 }

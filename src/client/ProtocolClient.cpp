@@ -158,29 +158,14 @@ bool ProtocolClient::startSync()
     return ok;
 }
 
-bool ProtocolClient::finishSync()
-{
-    return dataBool(exchange(Command::FinishSync));
-}
-
 std::string ProtocolClient::defaultPath()
 {
     return dataString(exchange(Command::DefaultPath));
 }
 
-std::string ProtocolClient::parentFolder(const std::string& path)
-{
-    return dataString(exchange(Command::ParentFolder, encodePath(path)));
-}
-
 bool ProtocolClient::pathExists(const std::string& path)
 {
     return dataBool(exchange(Command::PathExists, encodePath(path)));
-}
-
-RemoteFolder ProtocolClient::folderInfo(const std::string& path)
-{
-    return RecordDecoder::decodeFolderRecord(exchange(Command::FolderInfo, encodePath(path)).data);
 }
 
 std::vector<RemoteFolder> ProtocolClient::foldersInFolder(const std::string& path)
@@ -258,12 +243,6 @@ void ProtocolClient::allFilesInFolder(const std::string& path, bool withHash, co
             }
         }
     });
-}
-
-void ProtocolClient::calculateFileHash()
-{
-    verifyPassword();
-    guarded([&] { send(Command::CalculateFileHash); });
 }
 
 void ProtocolClient::receiveFileData(std::size_t index, std::int64_t length, const DownloadHandler& handler, Bytes& buffer)

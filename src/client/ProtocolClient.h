@@ -96,17 +96,12 @@ public:
 
     std::string identifyHost();
     bool startSync();
-    bool finishSync();
 
     std::string defaultPath();
-    std::string parentFolder(const std::string& path);
     bool pathExists(const std::string& path);
-    RemoteFolder folderInfo(const std::string& path);
     std::vector<RemoteFolder> foldersInFolder(const std::string& path);
     std::vector<RemoteFile> filesInFolder(const std::string& path);
     void allFilesInFolder(const std::string& path, bool withHash, const TreeHandler& handler);
-    // Sent for completeness: the server answers nothing.
-    void calculateFileHash();
 
     void downloadFiles(const std::vector<DownloadItem>& items, bool withHash, const DownloadHandler& handler);
     // The server's MD5 of each file, asked for without its data: each item's

@@ -174,15 +174,6 @@ std::vector<RemoteFile> decodeFileList(const Bytes& data)
     return decodeList(data, decodeFileBody, "a file list");
 }
 
-RemoteFolder decodeFolderRecord(const Bytes& data)
-{
-    std::size_t at = 0;
-    auto folder = decodeFolderBody(nextRecord(data, at));
-    if (at != data.size())
-        throw ProtocolError("a folder record is followed by stray bytes");
-    return folder;
-}
-
 bool isEndMarker(const RemoteFolder& folder)
 {
     return folder.fullName.empty() && folder.parent.empty() && folder.name.empty();

@@ -36,8 +36,6 @@ Record decodeRecordBody(const Bytes& body);
 // own length field.
 std::vector<RemoteFolder> decodeFolderList(const Bytes& data);
 std::vector<RemoteFile> decodeFileList(const Bytes& data);
-// One whole record with its length field, as the folder-information reply holds.
-RemoteFolder decodeFolderRecord(const Bytes& data);
 
 bool isEndMarker(const RemoteFolder& folder);
 bool isEndMarker(const RemoteFile& file);

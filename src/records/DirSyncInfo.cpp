@@ -50,12 +50,6 @@ DirSyncInfo DirSyncInfo::finish()
     return DirSyncInfo{};
 }
 
-bool DirSyncInfo::isEqual(const DirSyncInfo& other) const
-{
-    return fullName == other.fullName
-        || canonicalDecomposition(fullName) == canonicalDecomposition(other.fullName);
-}
-
 DirSyncInfo DirSyncInfo::copy() const
 {
     return *this;

@@ -15,7 +15,5 @@ public:
     // The empty record that ends a streamed list.
     static DirSyncInfo finish();
 
-    // Same path, case-sensitive, canonically equivalent Unicode forms equal.
-    bool isEqual(const DirSyncInfo& other) const;
     DirSyncInfo copy() const;
 };

@@ -33,12 +33,6 @@ RecordField::Kind FileSyncInfo::guessFileType() const
     return fileKindForExtension(extension);
 }
 
-bool FileSyncInfo::isEqual(const FileSyncInfo& other) const
-{
-    return fullName == other.fullName
-        || canonicalDecomposition(fullName) == canonicalDecomposition(other.fullName);
-}
-
 FileSyncInfo FileSyncInfo::copy() const
 {
     FileSyncInfo duplicate = *this;

@@ -21,8 +21,6 @@ public:
     static FileSyncInfo finish();
 
     RecordField::Kind guessFileType() const;
-    // Same path, case-sensitive, canonically equivalent Unicode forms equal.
-    bool isEqual(const FileSyncInfo& other) const;
     // Everything but the hash, which the copy leaves absent.
     FileSyncInfo copy() const;
 };

@@ -1,14 +1,10 @@
 #include "records/ItemAttributes.h"
 
 #include <cerrno>
-#include <cstdlib>
-#include <memory>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <utf8proc.h>
 
 namespace {
 
@@ -57,16 +53,4 @@ ItemAttributes ItemAttributes::fromStatx(const struct statx& stx)
 bool isWritableByUs(const std::string& path)
 {
     return ::access(path.c_str(), W_OK) == 0;
-}
-
-std::string canonicalDecomposition(const std::string& text)
-{
-    utf8proc_uint8_t* mapped = nullptr;
-    utf8proc_ssize_t length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                                           static_cast<utf8proc_ssize_t>(text.size()), &mapped,
-                                           static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_DECOMPOSE));
-    std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owned(mapped, &std::free);
-    if (length < 0)
-        return text;
-    return std::string(reinterpret_cast<const char*>(owned.get()), static_cast<std::size_t>(length));
 }

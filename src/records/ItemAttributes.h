@@ -23,7 +23,3 @@ struct ItemAttributes {
 
 // True when this process may write the item.
 bool isWritableByUs(const std::string& path);
-
-// The canonical decomposition (NFD) of a UTF-8 text; text that is not valid
-// UTF-8 comes back unchanged.
-std::string canonicalDecomposition(const std::string& text);

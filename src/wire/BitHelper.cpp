@@ -1,6 +1,5 @@
 #include "wire/BitHelper.h"
 
-#include <cmath>
 #include <stdexcept>
 
 #include <utf8proc.h>
@@ -52,26 +51,11 @@ Bytes encodeString(const char* value)
 
 Bytes encodeLongLongNumber(std::optional<std::int64_t> value) { return encodeLongLong(value.value_or(0)); }
 
-Bytes encodeDate(std::optional<Date> value)
-{
-    if (!value)
-        return encodeLongLong(0);
-    return encodeLongLong(static_cast<std::int64_t>(std::trunc(*value)));
-}
-
 Bytes encodeLongLongArray(const std::vector<std::int64_t>& values)
 {
     Bytes out;
     for (auto v : values)
         out += encodeLongLong(v);
-    return out;
-}
-
-Bytes encodeStrings(const std::vector<std::string>& values)
-{
-    Bytes out = encodeLongLong(static_cast<std::int64_t>(values.size()));
-    for (const auto& s : values)
-        out += encodeString(std::string_view(s));
     return out;
 }
 
@@ -103,11 +87,6 @@ std::optional<std::string> decodeString(const Bytes& data, std::int32_t& index)
 }
 
 std::int64_t decodeLongLongNumber(const Bytes& data, std::int32_t& index) { return decodeLongLong(data, index); }
-
-Date decodeDate(const Bytes& data, std::int32_t& index)
-{
-    return static_cast<Date>(decodeLongLong(data, index));
-}
 
 bool isUtf8(const void* data, std::size_t length)
 {

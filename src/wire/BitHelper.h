@@ -8,13 +8,10 @@
 
 #include "wire/Bytes.h"
 
-// Wire forms of strings, dates, numbers, lists and single bytes, and their
+// Wire forms of strings, numbers, lists and single bytes, and their
 // decoders over a received buffer with a moving 32-bit cursor. The record
 // encoders (files and folders) join this namespace from records/.
 namespace BitHelper {
-
-// Seconds since 1970-01-01 00:00:00 UTC, fractional.
-using Date = double;
 
 Bytes encodeLongLong(std::int64_t value);
 Bytes encodeBool(bool value);
@@ -25,11 +22,8 @@ Bytes encodeString(std::string_view value);
 Bytes encodeString(const std::string& value);
 Bytes encodeString(const char* value);
 Bytes encodeLongLongNumber(std::optional<std::int64_t> value);
-// Whole seconds, truncated toward zero; an absent date is 0.
-Bytes encodeDate(std::optional<Date> value);
 // No count in front: the receiver knows how many it asked for.
 Bytes encodeLongLongArray(const std::vector<std::int64_t>& values);
-Bytes encodeStrings(const std::vector<std::string>& values);
 
 // Decoders throw std::out_of_range when the read runs past the buffer.
 std::int64_t decodeLongLong(const Bytes& data, std::int32_t& index);
@@ -37,7 +31,6 @@ bool decodeBool(const Bytes& data, std::int32_t& index);
 // Invalid UTF-8 gives an absent string, not an error.
 std::optional<std::string> decodeString(const Bytes& data, std::int32_t& index);
 std::int64_t decodeLongLongNumber(const Bytes& data, std::int32_t& index);
-Date decodeDate(const Bytes& data, std::int32_t& index);
 
 // A whole buffer as UTF-8 text, no length prefix; absent when not valid UTF-8.
 std::optional<std::string> stringFromBinary(const Bytes& data);
