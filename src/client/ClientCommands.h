@@ -24,6 +24,7 @@ enum ExitCode : int {
     Usage = 2,        // the arguments cannot work
     NoConnection = 3, // the server could not be reached
     BadPassword = 4,  // the server refused the password
+    Interrupted = 130, // Ctrl-C, as shells report it
 };
 
 // The server to talk to and how.

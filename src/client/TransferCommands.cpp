@@ -180,7 +180,7 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
 {
     return guard(target, console, [&] {
         requireAbsolute(remoteFolder);
-        const auto into = trimmed(remoteFolder);
+        const auto to = trimmed(remoteFolder);
         for (const auto& l : locals) {
             std::error_code ec;
             if (fs::is_directory(l, ec) && !options.recursive)
@@ -188,6 +188,12 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
         }
         ProtocolClient client;
         open(client, target);
+        // As cp has it: a trailing slash or an existing folder means into
+        // it, anything else is the name the one source is stored as.
+        const bool into = remoteFolder.back() == '/' || client.pathExists(to);
+        if (!into && locals.size() > 1)
+            throw UsageError("several items go into a folder, and " + to
+                + " is none: end --to with / to have it made, or name an existing folder");
         Tally tally;
         std::vector<Uploader::Item> items;
         std::vector<std::string> newFolders;
@@ -199,7 +205,7 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
             const auto name = whole.filename().string();
             if (name.empty())
                 throw UsageError("name a file or folder to send, not " + local);
-            const auto remote = Uploader::remotePath(into, name);
+            const auto remote = into ? Uploader::remotePath(to, name) : to;
             std::error_code ec;
             if (!fs::is_directory(local, ec)) {
                 items.push_back({local, remote, std::nullopt, false});

@@ -151,7 +151,7 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
     TransferOptions recursive;
     recursive.recursive = true;
 
-    EXPECT_EQ(put(m_target, {at("src")}, at("up"), recursive, m_console), Ok) << m_err.str();
+    EXPECT_EQ(put(m_target, {at("src")}, at("up") + "/", recursive, m_console), Ok) << m_err.str();
     EXPECT_EQ(readFile(at("up/src/sub/b.txt")), "bb");
     EXPECT_TRUE(fs::is_directory(at("up/src/empty")));
     EXPECT_THAT(m_out.str(), HasSubstr("sent 2 files, 5 B; 0 up to date; 0 failed"));
@@ -173,13 +173,23 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
     EXPECT_THAT(m_out.str(), HasSubstr("would get 1 file, 1 B; 2 up to date; 0 failed"));
     EXPECT_FALSE(fs::exists(at("down/src/sub/new")));
 
-    // "." is the current folder, and is copied under its own name.
+    // "." is the current folder, and is copied under its own name; --to
+    // is a folder to go into when it ends in "/" or is one, else the name
+    // the one item is stored as.
     recursive.dryRun = false;
     const auto cwd = fs::current_path();
     fs::current_path(at("src"));
-    EXPECT_EQ(put(m_target, {"."}, at("again"), recursive, m_console), Ok) << m_err.str();
+    EXPECT_EQ(put(m_target, {"."}, at("again") + "/", recursive, m_console), Ok) << m_err.str();
+    EXPECT_EQ(put(m_target, {"."}, at("renamed"), recursive, m_console), Ok) << m_err.str();
     fs::current_path(cwd);
     EXPECT_EQ(readFile(at("again/src/a.txt")), "AAA");
+    EXPECT_EQ(readFile(at("renamed/a.txt")), "AAA");
+    EXPECT_EQ(put(m_target, {at("src/a.txt")}, at("again"), {}, m_console), Ok) << m_err.str();
+    EXPECT_EQ(put(m_target, {at("src/a.txt")}, at("again/b.txt"), {}, m_console), Ok) << m_err.str();
+    EXPECT_EQ(readFile(at("again/a.txt")), "AAA");
+    EXPECT_EQ(readFile(at("again/b.txt")), "AAA");
+    EXPECT_EQ(put(m_target, {at("src/a.txt"), at("src/sub/b.txt")}, at("none"), {}, m_console), Usage);
+    EXPECT_FALSE(fs::exists(at("none")));
 }
 
 TEST(ProgressLineTest, MakesWayForMessages)
