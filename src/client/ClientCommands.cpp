@@ -11,6 +11,7 @@
 #include "client/Discovery.h"
 #include "client/HostIdentity.h"
 #include "client/Json.h"
+#include "client/Names.h"
 #include "client/ProgressMeter.h"
 #include "client/ProtocolClient.h"
 #include "wire/Paths.h"
@@ -172,6 +173,17 @@ int defaultPath(const Target& target, Console& console)
 
 namespace {
 
+// A name no command can carry back is shown with U+FFFD and marked.
+std::string shownName(const std::string& name)
+{
+    return Names::travels(name) ? name : Names::shown(name) + "  (not UTF-8: cannot be fetched)";
+}
+
+std::string problemJson(const std::string& path)
+{
+    return Names::travels(path) ? "" : std::string(", \"problem\": ") + Json::quote(Names::kCannotTravel);
+}
+
 std::string fileJson(const RemoteFile& f, bool withHash)
 {
     std::string out = fmt::format("{{\"path\": {}, \"name\": {}, \"type\": \"file\", \"size\": {}, \"modified\": {}, "
@@ -179,14 +191,15 @@ std::string fileJson(const RemoteFile& f, bool withHash)
         Json::quote(f.fullName), Json::quote(f.name), f.size, f.modified, f.created, f.hidden, f.readonly);
     if (withHash)
         out += ", \"md5\": " + Json::quote(f.hash);
-    return out + "}";
+    return out + problemJson(f.fullName) + "}";
 }
 
 std::string folderJson(const RemoteFolder& f)
 {
     return fmt::format("{{\"path\": {}, \"name\": {}, \"type\": \"folder\", \"modified\": {}, \"created\": {}, "
-                       "\"hidden\": {}, \"readonly\": {}, \"files\": {}}}",
-        Json::quote(f.fullName), Json::quote(f.name), f.modified, f.created, f.hidden, f.readonly, f.fileCount);
+                       "\"hidden\": {}, \"readonly\": {}, \"files\": {}{}}}",
+        Json::quote(f.fullName), Json::quote(f.name), f.modified, f.created, f.hidden, f.readonly, f.fileCount,
+        problemJson(f.fullName));
 }
 
 template <typename Items, typename ToJson>
@@ -254,9 +267,9 @@ int list(const Target& target, const std::string& path, bool json, Console& cons
             return int(Ok);
         }
         for (const auto& f : folders)
-            console.out << fmt::format("d  {:<16}  {:>14}  {}/\n", dateText(f.modified), "-", f.name);
+            console.out << fmt::format("d  {:<16}  {:>14}  {}\n", dateText(f.modified), "-", shownName(f.name + "/"));
         for (const auto& f : files)
-            console.out << fmt::format("-  {:<16}  {:>14}  {}\n", dateText(f.modified), f.size, f.name);
+            console.out << fmt::format("-  {:<16}  {:>14}  {}\n", dateText(f.modified), f.size, shownName(f.name));
         return int(Ok);
     });
 }
@@ -277,9 +290,9 @@ public:
     {
         ++m_folders;
         if (m_options.paths)
-            m_console.out << f.fullName << "/\n";
+            m_console.out << shownName(f.fullName + "/") << "\n";
         else
-            m_console.out << std::string(2 * depth, ' ') << (depth == 0 ? f.fullName : f.name) << "/\n";
+            m_console.out << std::string(2 * depth, ' ') << shownName((depth == 0 ? f.fullName : f.name) + "/") << "\n";
     }
 
     void file(const RemoteFile& f, std::size_t depth)
@@ -287,11 +300,13 @@ public:
         ++m_files;
         m_bytes += static_cast<std::int64_t>(f.size);
         if (m_options.paths)
-            m_console.out << f.fullName;
+            m_console.out << Names::shown(f.fullName);
         else
-            m_console.out << std::string(2 * depth, ' ') << f.name << "  " << f.size;
+            m_console.out << std::string(2 * depth, ' ') << Names::shown(f.name) << "  " << f.size;
         if (m_options.md5)
             m_console.out << "  " << f.hash;
+        if (!Names::travels(f.fullName))
+            m_console.out << "  (not UTF-8: cannot be fetched)";
         m_console.out << "\n";
     }
 

@@ -60,6 +60,7 @@ struct TransferOptions {
     bool verify = true;  // digests decide what is identical and check every copy
     bool dryRun = false;
     int retries = 5;     // reconnections in a row that move no byte
+    bool json = false;   // one JSON object at the end instead of a line per file
 };
 
 int discover(std::chrono::milliseconds timeout, Console& console);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -40,14 +42,18 @@ private:
 // so the connection is closed by the time this is thrown.
 class ServerError : public ClientError {
 public:
-    ServerError(std::uint8_t code, const std::string& message)
+    ServerError(std::uint8_t code, const std::string& message, std::optional<std::size_t> item = std::nullopt)
         : ClientError(message.empty() ? "the server failed command " + std::to_string(code)
                                       : message)
         , m_code(code)
         , m_message(message)
+        , m_item(item)
     {
     }
     std::uint8_t code() const noexcept { return m_code; }
+    // In a batch, the item the error packet answered for (the server sends
+    // one where that item's data would be).
+    std::optional<std::size_t> item() const noexcept { return m_item; }
     // The server's reason text as sent; may be empty.
     const std::string& message() const noexcept { return m_message; }
     // The server failed to read from or write to the connection (its
@@ -62,6 +68,7 @@ public:
 private:
     std::uint8_t m_code;
     std::string m_message;
+    std::optional<std::size_t> m_item;
 };
 
 // The server does not know the command (its code-34 answer). The rest of the

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "client/Names.h"
 #include "wire/Digest.h"
 #include "wire/Paths.h"
 
@@ -107,11 +108,11 @@ void Downloader::probe(std::vector<Job>& jobs)
     if (asked.empty())
         return;
     std::vector<std::string> digests(asked.size());
-    std::size_t failedAt = 0;
     try {
-        digests = m_client.remoteDigests(digestRequests(asked), &failedAt);
+        digests = m_client.remoteDigests(digestRequests(asked));
     } catch (const ServerError& e) {
-        asked[failedAt]->fail(e.what());
+        Job& job = *asked[e.item().value_or(0)];
+        job.skip(whySkipped(job.outcome.remote, e));
         recover();
     }
     for (std::size_t at = 0; at < asked.size(); ++at) {
@@ -167,14 +168,13 @@ void Downloader::runOnce(const std::vector<Job*>& which, TransferProgress* progr
         job.outcome.size = static_cast<std::int64_t>(record.size);
         if (job.have > job.outcome.size)
             return; // shrank on the server: fetched again whole below
-        job.file = LocalFile(partialPath(job.outcome.local),
-            job.have == 0 ? LocalFile::Mode::WriteTruncate : LocalFile::Mode::Write);
-        job.file.setModified(job.info.modified);
         if (progress)
             progress->start(Paths::lastPathComponent(job.outcome.local), job.have, job.outcome.size);
     };
     handler.onData = [&](std::size_t at, const std::uint8_t* data, std::size_t length) {
         Job& job = *which[at];
+        if (!job.file.isOpen())
+            openPartial(job);
         job.file.writeAt(job.have, data, length);
         // The date marks the partial file as belonging to this version of
         // the remote file; writing has just moved it.
@@ -196,8 +196,39 @@ void Downloader::runOnce(const std::vector<Job*>& which, TransferProgress* progr
     m_client.downloadFiles(items, m_options.verify, handler);
 }
 
+// The server sends an error packet for a file it cannot send, after its
+// record: the file is skipped and the rest goes on.
+bool Downloader::refused(const std::vector<Job*>& which, const ServerError& error)
+{
+    if (!error.item())
+        return failCurrent(which, error.what());
+    Job& job = *which[*error.item()];
+    job.skip(whySkipped(job.outcome.remote, error));
+    return true;
+}
+
+std::string Downloader::whySkipped(const std::string& remote, const ServerError& error)
+{
+    if (!Names::travels(remote))
+        return Names::kCannotTravel;
+    if (error.message().starts_with("Failed to open file"))
+        return "the server could not open it";
+    return "the server could not send it: " + error.message();
+}
+
+// Made when the first byte arrives, so that a file the server then cannot
+// send leaves nothing behind here.
+void Downloader::openPartial(Job& job)
+{
+    job.file = LocalFile(partialPath(job.outcome.local),
+        job.have == 0 ? LocalFile::Mode::WriteTruncate : LocalFile::Mode::Write);
+    job.file.setModified(job.info.modified);
+}
+
 void Downloader::complete(Job& job, const std::string& digest)
 {
+    if (!job.file.isOpen() && job.have == 0)
+        openPartial(job); // an empty file: nothing came to make it
     job.file.close();
     const auto partial = partialPath(job.outcome.local);
     std::error_code ec;

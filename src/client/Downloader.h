@@ -54,6 +54,8 @@ public:
     // Where the bytes of `local` wait until the copy is complete.
     static std::string partialPath(const std::string& local);
     static constexpr const char* kPartialSuffix = ".zandrel-part";
+    // Why the server could not send `remote`, from its error packet.
+    static std::string whySkipped(const std::string& remote, const ServerError& error);
 
 private:
     void plan(std::vector<DownloadJob>& jobs) override;
@@ -62,5 +64,7 @@ private:
     void probe(std::vector<DownloadJob>& jobs);
     void planResume(std::vector<DownloadJob>& jobs);
     void runOnce(const std::vector<DownloadJob*>& which, TransferProgress* progress) override;
+    bool refused(const std::vector<DownloadJob*>& which, const ServerError& error) override;
+    void openPartial(DownloadJob& job);
     void complete(DownloadJob& job, const std::string& digest);
 };

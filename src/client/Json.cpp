@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include "client/Names.h"
+
 namespace Json {
 
 std::string quote(std::string_view text)
 {
     std::string out = "\"";
-    for (unsigned char c : text) {
+    for (unsigned char c : Names::shown(text)) {
         switch (c) {
         case '"':
             out += "\\\"";

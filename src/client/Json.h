@@ -8,7 +8,8 @@
 // in order by the caller, who puts the commas and brackets; this quotes.
 namespace Json {
 
-// A JSON string literal, quotes included; control characters escaped.
+// A JSON string literal, quotes included; control characters escaped, bytes
+// that are not UTF-8 as U+FFFD.
 std::string quote(std::string_view text);
 
 } // namespace Json

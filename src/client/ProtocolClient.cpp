@@ -199,6 +199,19 @@ void ProtocolClient::failOnErrorPacket(std::uint8_t code)
     throw ServerError(code, std::string(whole.begin() + 10, whole.begin() + 10 + length));
 }
 
+void ProtocolClient::failOnErrorPacketWithin(std::uint8_t code, std::chrono::milliseconds wait)
+{
+    auto saved = m_conn.timeout();
+    m_conn.setTimeout(wait);
+    try {
+        failOnErrorPacket(code);
+    } catch (const ServerError&) {
+        throw;
+    } catch (const ClientError&) {
+    }
+    m_conn.setTimeout(saved);
+}
+
 Bytes ProtocolClient::readRecordBody(std::uint8_t code)
 {
     failOnErrorPacket(code);
@@ -276,36 +289,52 @@ void ProtocolClient::downloadFiles(const std::vector<DownloadItem>& items, bool 
         awaitReply(Command::DownloadFiles, true);
         Bytes buffer(Protocol::kChunkSize);
         for (std::size_t i = 0; i < items.size(); ++i) {
-            auto record = readFileRecord(Command::DownloadFiles);
-            if (RecordDecoder::isEndMarker(record))
-                throw ProtocolError("the download ended after " + std::to_string(i) + " of "
-                    + std::to_string(items.size()) + " files");
-            auto toCome = std::max<std::int64_t>(0, static_cast<std::int64_t>(record.size) - items[i].offset);
-            if (handler.onFile)
-                handler.onFile(i, record, toCome);
-            receiveFileData(i, toCome, handler, buffer);
-            // The server opens a file only after its record has gone out: an
-            // empty or fully resumed file is known to be there only once the
-            // stream goes on past it without an error packet.
-            std::string digest = withHash ? readDigest(Command::DownloadFiles) : std::string();
-            if (!withHash)
-                failOnErrorPacket(Command::DownloadFiles);
-            if (handler.onFileDone)
-                handler.onFileDone(i, digest);
+            try {
+                receiveFile(i, items[i], withHash, handler, buffer);
+            } catch (const ServerError& e) {
+                // An error packet in a file's place is the server's answer
+                // about that file; one that says the connection failed is not.
+                if (e.isConnectionFailure() || e.item())
+                    throw;
+                throw ServerError(e.code(), e.message(), i);
+            }
         }
         if (!RecordDecoder::isEndMarker(readFileRecord(Command::DownloadFiles)))
             throw ProtocolError("the download sent more files than were asked for");
     });
 }
 
-std::vector<std::string> ProtocolClient::remoteDigests(const std::vector<DownloadItem>& items, std::size_t* failedAt)
+void ProtocolClient::receiveFile(
+    std::size_t index, const DownloadItem& item, bool withHash, const DownloadHandler& handler, Bytes& buffer)
+{
+    auto record = readFileRecord(Command::DownloadFiles);
+    if (RecordDecoder::isEndMarker(record)) {
+        // A path the server cannot name (not UTF-8) gets a record with every
+        // field empty, which reads like the end marker, then at once an
+        // error packet; a stream that really ended has nothing after it.
+        failOnErrorPacketWithin(Command::DownloadFiles, std::chrono::seconds(2));
+        throw ProtocolError("the download ended after " + std::to_string(index) + " files");
+    }
+    auto toCome = std::max<std::int64_t>(0, static_cast<std::int64_t>(record.size) - item.offset);
+    if (handler.onFile)
+        handler.onFile(index, record, toCome);
+    receiveFileData(index, toCome, handler, buffer);
+    // The server opens a file only after its record has gone out: an empty
+    // or fully resumed file is known to be there only once the stream goes
+    // on past it without an error packet.
+    std::string digest = withHash ? readDigest(Command::DownloadFiles) : std::string();
+    if (!withHash)
+        failOnErrorPacket(Command::DownloadFiles);
+    if (handler.onFileDone)
+        handler.onFileDone(index, digest);
+}
+
+std::vector<std::string> ProtocolClient::remoteDigests(const std::vector<DownloadItem>& items)
 {
     std::vector<std::string> digests(items.size());
     std::vector<bool> sizeMatches(items.size(), false);
     DownloadHandler handler;
     handler.onFile = [&](std::size_t at, const RemoteFile& record, std::int64_t) {
-        if (failedAt)
-            *failedAt = at;
         sizeMatches[at] = static_cast<std::int64_t>(record.size) == items[at].offset;
     };
     handler.onFileDone = [&](std::size_t at, const std::string& digest) {
@@ -333,15 +362,7 @@ ProtocolClient::UploadResult ProtocolClient::sendFileData(std::size_t index, con
         } catch (const ClientError&) {
             // The server may have stopped reading because it failed; its
             // error packet says why better than a broken pipe does.
-            auto saved = m_conn.timeout();
-            m_conn.setTimeout(std::chrono::seconds(2));
-            try {
-                failOnErrorPacket(Command::UploadFiles);
-            } catch (const ServerError&) {
-                throw;
-            } catch (const ClientError&) {
-            }
-            m_conn.setTimeout(saved);
+            failOnErrorPacketWithin(Command::UploadFiles, std::chrono::seconds(2));
             throw;
         }
         sent += static_cast<std::int64_t>(got);

@@ -103,12 +103,14 @@ public:
     std::vector<RemoteFile> filesInFolder(const std::string& path);
     void allFilesInFolder(const std::string& path, bool withHash, const TreeHandler& handler);
 
+    // A file the server cannot send (it cannot open it, or cannot name it)
+    // throws ServerError naming its index; the session has then ended.
     void downloadFiles(const std::vector<DownloadItem>& items, bool withHash, const DownloadHandler& handler);
     // The server's MD5 of each file, asked for without its data: each item's
     // offset is the size the caller expects. A file whose size is not that
     // gets an empty digest. A file the server cannot open throws ServerError
-    // with `failedAt` set to its index.
-    std::vector<std::string> remoteDigests(const std::vector<DownloadItem>& items, std::size_t* failedAt = nullptr);
+    // naming its index.
+    std::vector<std::string> remoteDigests(const std::vector<DownloadItem>& items);
     std::vector<UploadResult> uploadFiles(const std::vector<UploadItem>& items, bool withHash, const UploadHandler& handler);
 
     bool createDirectories(const std::vector<std::string>& paths);
@@ -127,6 +129,9 @@ private:
     // Throws ServerError when the next bytes of a stream are an error packet
     // for `code` followed by the end of the connection.
     void failOnErrorPacket(std::uint8_t code);
+    // The same, waiting at most `wait` for the packet: for places where a
+    // healthy stream may have nothing more to send.
+    void failOnErrorPacketWithin(std::uint8_t code, std::chrono::milliseconds wait);
     // Runs `body`, closing the connection when anything but a refused
     // password escapes it.
     template <typename Body>
@@ -135,6 +140,8 @@ private:
     Bytes readRecordBody(std::uint8_t code);
     RemoteFile readFileRecord(std::uint8_t code);
     std::string readDigest(std::uint8_t code);
+    void receiveFile(std::size_t index, const DownloadItem& item, bool withHash, const DownloadHandler& handler,
+        Bytes& buffer);
     void receiveFileData(std::size_t index, std::int64_t length, const DownloadHandler& handler, Bytes& buffer);
     UploadResult sendFileData(std::size_t index, const UploadItem& item, std::int64_t offset, bool withHash,
         const UploadHandler& handler, Bytes& buffer);

@@ -11,6 +11,8 @@
 
 #include "client/ClientCommands.h"
 #include "client/Downloader.h"
+#include "client/Json.h"
+#include "client/Names.h"
 #include "client/ProgressMeter.h"
 #include "client/ProtocolClient.h"
 #include "client/Uploader.h"
@@ -47,43 +49,114 @@ struct Direction {
 const Direction kGet{"get", "got", "would get", true};
 const Direction kPut{"put", "sent", "would send", false};
 
-// Says each file's outcome as it settles and counts them for the closing line.
+const char* resultName(TransferResult result)
+{
+    switch (result) {
+    case TransferResult::Moved:
+        return "copied";
+    case TransferResult::UpToDate:
+        return "up to date";
+    case TransferResult::WouldMove:
+        return "would copy";
+    case TransferResult::Skipped:
+        return "skipped";
+    case TransferResult::Failed:
+        break;
+    }
+    return "failed";
+}
+
+std::string outcomeJson(const TransferOutcome& o)
+{
+    std::string out = fmt::format("{{\"remote\": {}, \"local\": {}, \"result\": \"{}\", \"size\": {}, \"moved\": {}, "
+                                  "\"resumedFrom\": {}, \"verified\": {}",
+        Json::quote(o.remote), Json::quote(o.local), resultName(o.result), o.size, o.moved, o.resumedFrom, o.verified);
+    if (o.result == TransferResult::Skipped || o.result == TransferResult::Failed)
+        out += ", \"reason\": " + Json::quote(o.error);
+    return out + "}";
+}
+
+// Says each file's outcome as it settles and counts them for the closing
+// line, or keeps them for one JSON object at the end.
 struct Tally {
+    Tally(Console& console, const Direction& how, bool json)
+        : console(console)
+        , how(how)
+        , json(json)
+    {
+    }
+
+    Console& console;
+    const Direction& how;
+    bool json;
+    std::vector<TransferOutcome> outcomes;
     std::int64_t files = 0;
     std::int64_t bytes = 0;
+    std::int64_t upToDate = 0;
     std::int64_t skipped = 0;
     std::int64_t failed = 0;
 
-    void add(Console& console, const Direction& how, const TransferOutcome& o)
+    void add(const TransferOutcome& o)
     {
-        const auto& copy = how.toLocal ? o.local : o.remote;
+        if (json)
+            outcomes.push_back(o);
+        const auto& copy = Names::shown(how.toLocal ? o.local : o.remote);
+        const auto& source = Names::shown(how.toLocal ? o.remote : o.local);
         switch (o.result) {
         case TransferResult::Moved:
         case TransferResult::WouldMove: {
             const bool dry = o.result == TransferResult::WouldMove;
             auto moved = dry ? o.size - o.resumedFrom : o.moved;
-            say(console, fmt::format("{} {}  ({})", dry ? how.would : how.done, copy,
-                             detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
+            if (!json)
+                say(console, fmt::format("{} {}  ({})", dry ? how.would : how.done, copy,
+                                 detail(moved, o.resumedFrom, o.reconnects, o.verified, dry)));
             ++files;
             bytes += moved;
             break;
         }
         case TransferResult::UpToDate:
-            say(console, "up to date " + copy);
+            if (!json)
+                say(console, "up to date " + copy);
+            ++upToDate;
+            break;
+        case TransferResult::Skipped:
+            complain(console, fmt::format("skipped {}: {}", source, o.error));
             ++skipped;
             break;
         case TransferResult::Failed:
-            complain(console, fmt::format("{} {}: {}", how.command, how.toLocal ? o.remote : o.local, o.error));
+            complain(console, fmt::format("{} {}: {}", how.command, source.empty() ? copy : source, o.error));
             ++failed;
             break;
         }
     }
 
-    // "got 3 files, 1.2 MiB; 2 up to date; 0 failed", or "would get ...".
-    std::string line(const Direction& how, bool dryRun) const
+    // A failure that is no file's transfer (a folder, a name left out).
+    void fail(const std::string& remote, const std::string& local, const std::string& why)
     {
-        return fmt::format("{} {} file{}, {}; {} up to date; {} failed", dryRun ? how.would : how.done, files,
-            files == 1 ? "" : "s", ProgressMeter::formatSize(bytes), skipped, failed);
+        TransferOutcome o;
+        o.remote = remote;
+        o.local = local;
+        o.error = why;
+        add(o);
+    }
+
+    // "got 3 files, 1.2 MiB; 2 up to date; 0 failed" ("; 1 skipped" when
+    // any were), or "would get ...", or the JSON object; the exit code.
+    int close(bool dryRun) const
+    {
+        if (json) {
+            std::string list;
+            for (const auto& o : outcomes)
+                list += (list.empty() ? "" : ", ") + outcomeJson(o);
+            say(console, fmt::format("{{\"files\": [{}], \"totals\": {{\"copied\": {}, \"bytes\": {}, "
+                                     "\"upToDate\": {}, \"skipped\": {}, \"failed\": {}}}}}",
+                             list, files, bytes, upToDate, skipped, failed));
+        } else {
+            say(console, fmt::format("{} {} file{}, {}; {} up to date; {}{} failed", dryRun ? how.would : how.done,
+                             files, files == 1 ? "" : "s", ProgressMeter::formatSize(bytes), upToDate,
+                             skipped > 0 ? fmt::format("{} skipped; ", skipped) : "", failed));
+        }
+        return skipped + failed > 0 ? int(Failed) : int(Ok);
     }
 };
 
@@ -127,7 +200,7 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
         const fs::path into = folder.empty() ? "." : folder;
         ProtocolClient client;
         open(client, target);
-        Tally tally;
+        Tally tally(console, kGet, options.json);
         std::vector<Downloader::Item> items;
         for (const auto& given : remotes) {
             const auto remote = trimmed(given);
@@ -147,8 +220,7 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
             walk.onFolder = [&](const RemoteFolder& f) {
                 auto relative = f.fullName == remote ? std::optional<fs::path>(fs::path()) : below(remote, f.fullName);
                 if (!relative) {
-                    complain(console, "get: left out " + f.fullName + ": a name that leaves the folder");
-                    ++tally.failed;
+                    tally.fail(f.fullName, "", "left out: a name that leaves the folder");
                 } else if (!options.dryRun) {
                     fs::create_directories(local / *relative);
                 }
@@ -156,8 +228,7 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
             walk.onFile = [&](const RemoteFile& f) {
                 auto relative = below(remote, f.fullName);
                 if (!relative) {
-                    complain(console, "get: left out " + f.fullName + ": a name that leaves the folder");
-                    ++tally.failed;
+                    tally.fail(f.fullName, "", "left out: a name that leaves the folder");
                     return;
                 }
                 items.push_back({f.fullName, (local / *relative).string(), f});
@@ -169,9 +240,8 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
         std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.local < b.local; });
 
         Downloader downloader(client, runOptions(options), [&] { open(client, target); });
-        downloader.fetch(items, console.progress, [&](const TransferOutcome& o) { tally.add(console, kGet, o); });
-        say(console, tally.line(kGet, options.dryRun));
-        return tally.failed > 0 ? int(Failed) : int(Ok);
+        downloader.fetch(items, console.progress, [&](const TransferOutcome& o) { tally.add(o); });
+        return tally.close(options.dryRun);
     });
 }
 
@@ -194,7 +264,7 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
         if (!into && locals.size() > 1)
             throw UsageError("several items go into a folder, and " + to
                 + " is none: end --to with / to have it made, or name an existing folder");
-        Tally tally;
+        Tally tally(console, kPut, options.json);
         std::vector<Uploader::Item> items;
         std::vector<std::string> newFolders;
         for (const auto& local : locals) {
@@ -244,19 +314,19 @@ int put(const Target& target, const std::vector<std::string>& locals, const std:
         // Folders first, so that empty ones arrive too.
         for (const auto& f : newFolders) {
             if (options.dryRun) {
-                say(console, "would create " + f + "/");
+                if (!options.json)
+                    say(console, "would create " + f + "/");
             } else if (client.createDirectories({f}) && client.pathExists(f)) {
-                say(console, "created " + f + "/");
+                if (!options.json)
+                    say(console, "created " + f + "/");
             } else {
-                complain(console, "put: cannot create the folder " + f + " on the server");
-                ++tally.failed;
+                tally.fail(f, "", "cannot create the folder on the server (the server may be read-only)");
             }
         }
 
         Uploader uploader(client, runOptions(options), [&] { open(client, target); });
-        uploader.send(items, console.progress, [&](const TransferOutcome& o) { tally.add(console, kPut, o); });
-        say(console, tally.line(kPut, options.dryRun));
-        return tally.failed > 0 ? int(Failed) : int(Ok);
+        uploader.send(items, console.progress, [&](const TransferOutcome& o) { tally.add(o); });
+        return tally.close(options.dryRun);
     });
 }
 

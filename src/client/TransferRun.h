@@ -20,7 +20,9 @@
 // run takes, and the loop that moves what is left again after the server
 // drops the connection. One thread.
 
-enum class TransferResult { Moved, UpToDate, WouldMove, Failed };
+// Skipped: the server answered that it cannot send this one file; the
+// rest of the run goes on.
+enum class TransferResult { Moved, UpToDate, WouldMove, Skipped, Failed };
 
 struct TransferOutcome {
     std::string local;
@@ -62,6 +64,11 @@ struct TransferJob {
         outcome.error = std::move(why);
         finish(TransferResult::Failed);
     }
+    void skip(std::string why)
+    {
+        outcome.error = std::move(why);
+        finish(TransferResult::Skipped);
+    }
 };
 
 template <typename Job>
@@ -81,7 +88,10 @@ protected:
     virtual void runOnce(const std::vector<Job*>& which, TransferProgress* progress) = 0;
     // The server answered an error packet (and ended the session); true
     // when that settled a file.
-    virtual bool refused(const std::vector<Job*>& which, const std::string& why) { return failCurrent(which, why); }
+    virtual bool refused(const std::vector<Job*>& which, const ServerError& error)
+    {
+        return failCurrent(which, error.what());
+    }
     // A fresh connection is open after one was lost.
     virtual void reconnected(const std::vector<Job*>& which) { (void)which; }
 
@@ -195,7 +205,7 @@ private:
                 continue;
             } catch (const ServerError& e) {
                 if (!e.isConnectionFailure())
-                    settled = refused(which, e.what());
+                    settled = refused(which, e);
                 lost = e.what();
             } catch (const LocalFileError& e) {
                 settled = failCurrent(which, e.what());

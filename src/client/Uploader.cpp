@@ -106,11 +106,11 @@ void Uploader::decide(std::vector<Job>& jobs)
 
 // Refused before any file was under way: it is the command the server
 // refuses, for all of them.
-bool Uploader::refused(const std::vector<Job*>& which, const std::string& why)
+bool Uploader::refused(const std::vector<Job*>& which, const ServerError& error)
 {
     for (Job* job : which)
         if (!job->finished && (!m_current || job == m_current))
-            job->fail(why);
+            job->fail(error.what());
     return true;
 }
 

@@ -58,7 +58,7 @@ private:
     void describe(std::vector<UploadJob>& jobs);
     void decide(std::vector<UploadJob>& jobs);
     void runOnce(const std::vector<UploadJob*>& which, TransferProgress* progress) override;
-    bool refused(const std::vector<UploadJob*>& which, const std::string& why) override;
+    bool refused(const std::vector<UploadJob*>& which, const ServerError& error) override;
     void reconnected(const std::vector<UploadJob*>& which) override;
     std::string digestOf(UploadJob& job);
 

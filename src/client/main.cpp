@@ -77,6 +77,8 @@ void addTransferOptions(CLI::App* command, Arguments& a, const char* treeHelp)
     command->add_flag("--no-verify", a.noVerify,
         "Skip the MD5 digests: do not check copies, and take files of equal size and date as identical");
     command->add_flag("-n,--dry-run", a.transfer.dryRun, "List what would be copied and copy nothing");
+    command->add_flag("--json", a.transfer.json,
+        "Print one JSON object at the end: every file with its result, and the reason for each one skipped or failed");
     command->add_option("--retries", a.transfer.retries,
         "Reconnections in a row, with no byte moved, before a transfer gives up (0 to 100)")
         ->capture_default_str()

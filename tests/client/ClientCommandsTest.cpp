@@ -3,14 +3,17 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "LoopbackServer.h"
 #include "client/ClientCommands.h"
+#include "client/Downloader.h"
 #include "client/ProgressMeter.h"
 
 namespace fs = std::filesystem;
@@ -190,6 +193,65 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
     EXPECT_EQ(readFile(at("again/b.txt")), "AAA");
     EXPECT_EQ(put(m_target, {at("src/a.txt"), at("src/sub/b.txt")}, at("none"), {}, m_console), Usage);
     EXPECT_FALSE(fs::exists(at("none")));
+}
+
+// Runs `onStart` when the first file starts to arrive.
+class FirstFileHook : public TransferProgress {
+public:
+    explicit FirstFileHook(std::function<void()> onStart) : m_onStart(std::move(onStart)) {}
+    void start(const std::string&, std::int64_t, std::int64_t) override
+    {
+        if (m_onStart)
+            std::exchange(m_onStart, nullptr)();
+    }
+    void update(std::int64_t) override {}
+    void finish() override {}
+
+private:
+    std::function<void()> m_onStart;
+};
+
+// A name the protocol cannot carry, and a file removed after the listing:
+// each is the server's answer about one file, and the rest arrive.
+TEST_F(ClientCommandsTest, OneFileTheServerCannotSendNeverSinksTheBatch)
+{
+    m_server.home().write("b/a.txt", "first");
+    m_server.home().write("b/caf\xe9.txt", "latin-1 name");
+    m_server.home().write("b/ok.txt", "last");
+    m_server.home().write("b/vanish.txt", "gone before its turn");
+    const std::string shown = "caf\xEF\xBF\xBD.txt";
+
+    EXPECT_EQ(list(m_target, at("b"), false, m_console), Ok);
+    EXPECT_THAT(m_out.str(), HasSubstr("  " + shown + "  (not UTF-8: cannot be fetched)\n"));
+    TreeOptions json;
+    json.json = true;
+    EXPECT_EQ(tree(m_target, at("b"), json, m_console), Ok);
+    EXPECT_THAT(m_out.str(), HasSubstr("\"name\": \"" + shown + "\""));
+    EXPECT_THAT(m_out.str(), HasSubstr("\"problem\": \"the name is not UTF-8, which the protocol cannot carry\"}"));
+
+    clear();
+    FirstFileHook removeOne([&] { fs::remove(at("b/vanish.txt")); });
+    Console console{m_out, m_err, &removeOne};
+    TransferOptions recursive;
+    recursive.recursive = true;
+    EXPECT_EQ(get(m_target, {at("b")}, at("down"), recursive, console), Failed);
+    EXPECT_THAT(m_err.str(), HasSubstr("skipped " + at("b/" + shown) + ": the name is not UTF-8, which the protocol cannot carry\n"));
+    EXPECT_THAT(m_err.str(), HasSubstr("skipped " + at("b/vanish.txt") + ": the server could not open it\n"));
+    EXPECT_THAT(m_out.str(), HasSubstr("got " + at("down/b/a.txt") + "  (5 bytes, digest verified)"));
+    EXPECT_THAT(m_out.str(), HasSubstr("got " + at("down/b/ok.txt") + "  (4 bytes, digest verified)"));
+    EXPECT_THAT(m_out.str(), HasSubstr("got 2 files, 9 B; 0 up to date; 2 skipped; 0 failed\n"));
+    EXPECT_EQ(readFile(at("down/b/ok.txt")), "last");
+    EXPECT_FALSE(fs::exists(at("down/b/vanish.txt")));
+    EXPECT_FALSE(fs::exists(at("down/b/vanish.txt") + Downloader::kPartialSuffix));
+
+    // One file alone, and the reasons in --json.
+    clear();
+    TransferOptions asJson;
+    asJson.json = true;
+    EXPECT_EQ(get(m_target, {at("b/caf\xe9.txt"), at("b/ok.txt")}, at("down"), asJson, m_console), Failed);
+    EXPECT_THAT(m_out.str(), HasSubstr("\"result\": \"skipped\", \"size\": 12, \"moved\": 0, \"resumedFrom\": 0, "
+                                       "\"verified\": false, \"reason\": \"the name is not UTF-8, which the protocol cannot carry\"}"));
+    EXPECT_THAT(m_out.str(), HasSubstr("\"totals\": {\"copied\": 1, \"bytes\": 4, \"upToDate\": 0, \"skipped\": 1, \"failed\": 0}}\n"));
 }
 
 TEST(ProgressLineTest, MakesWayForMessages)
