@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -422,6 +423,10 @@ using ItemWork = std::function<std::string(ProtocolClient&, const std::string&)>
 struct ItemFailure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
+// Said as it stands, not as a failure of the command on the item.
+struct ItemRefused : ItemFailure {
+    using ItemFailure::ItemFailure;
+};
 
 int perItem(const Target& target, const std::vector<std::string>& paths, const char* verb, Console& console,
     const ItemWork& work)
@@ -435,6 +440,9 @@ int perItem(const Target& target, const std::vector<std::string>& paths, const c
         for (const auto& p : paths) {
             try {
                 say(console, work(client, trimmed(p)));
+            } catch (const ItemRefused& e) {
+                complain(console, e.what());
+                result = Failed;
             } catch (const ItemFailure& e) {
                 complain(console, std::string(verb) + " " + p + ": " + e.what());
                 result = Failed;
@@ -458,7 +466,8 @@ int makeFolders(const Target& target, const std::vector<std::string>& paths, Con
         if (findFile(client, p))
             throw ItemFailure("a file is in the way");
         if (!client.createDirectories({p}) || !client.pathExists(p))
-            throw ItemFailure("the server could not create it (a file in the way above it, or no permission)");
+            throw ItemFailure("the server could not create it (a file in the way above it, no permission, or the "
+                              "server may be read-only)");
         return "created " + p + "/";
     });
 }
@@ -471,19 +480,92 @@ int removeFiles(const Target& target, const std::vector<std::string>& paths, Con
         if (!findFile(client, p))
             throw ItemFailure("no such file on the server");
         if (!client.deleteFiles({p}))
-            throw ItemFailure("the server could not delete it");
+            throw ItemFailure("the server could not delete it (no permission, or the server may be read-only)");
         return "removed " + p;
     });
 }
 
+HomeRelation homeRelation(const std::string& path, const std::string& home)
+{
+    auto normal = [](const std::string& p) { return trimmed(std::filesystem::path(p).lexically_normal().string()); };
+    const auto folder = normal(path);
+    const auto base = normal(home);
+    if (folder == base)
+        return HomeRelation::Is;
+    if (folder == "/" || (base.starts_with(folder) && base[folder.size()] == '/'))
+        return HomeRelation::Holds;
+    return HomeRelation::Apart;
+}
+
+namespace {
+
+std::string refusal(const std::string& path, HomeRelation relation, const std::string& home)
+{
+    if (relation == HomeRelation::Is)
+        return "refused: " + path + " is the server's home folder";
+    return "refused: " + path + " holds the server's home folder (" + home + ")";
+}
+
+// The folder's record, from its parent's listing.
+std::optional<RemoteFolder> folderRecord(ProtocolClient& client, const std::string& path)
+{
+    auto parent = Paths::deletingLastPathComponent(path);
+    auto name = Paths::lastPathComponent(path);
+    if (parent.empty() || !client.pathExists(parent))
+        return std::nullopt;
+    for (auto& f : client.foldersInFolder(parent))
+        if (f.name == name)
+            return f;
+    return std::nullopt;
+}
+
+bool sameFolder(const std::optional<RemoteFolder>& a, const std::optional<RemoteFolder>& b)
+{
+    return a && b && a->name == b->name && a->created == b->created && a->modified == b->modified
+        && a->fileCount == b->fileCount;
+}
+
+// What the text cannot show: `folder` reaches the home folder through a
+// link (the server resolves links before it refuses). Its last components
+// are followed below `folder` and the folder found there compared with the
+// home folder itself.
+HomeRelation homeRelationOnDisk(ProtocolClient& client, const std::string& folder, const std::string& home)
+{
+    const auto homeRecord = folderRecord(client, home);
+    if (!homeRecord)
+        return HomeRelation::Apart;
+    if (sameFolder(folderRecord(client, folder), homeRecord))
+        return HomeRelation::Is;
+    std::string rest;
+    for (auto up = trimmed(home); up != "/" && !up.empty(); up = Paths::deletingLastPathComponent(up)) {
+        rest = "/" + Paths::lastPathComponent(up) + rest;
+        const auto below = folder + rest;
+        if (client.pathExists(below) && sameFolder(folderRecord(client, below), homeRecord))
+            return HomeRelation::Holds;
+    }
+    return HomeRelation::Apart;
+}
+
+} // namespace
+
 int removeFolders(const Target& target, const std::vector<std::string>& paths, Console& console)
 {
-    return perItem(target, paths, "rmdir", console, [](ProtocolClient& client, const std::string& p) {
+    std::string home;
+    return perItem(target, paths, "rmdir", console, [&](ProtocolClient& client, const std::string& p) {
+        if (home.empty())
+            home = trimmed(client.defaultPath());
+        if (auto relation = homeRelation(p, home); relation != HomeRelation::Apart)
+            throw ItemRefused(refusal(p, relation, home));
         if (!client.pathExists(p))
             throw ItemFailure(findFile(client, p) ? "is a file (rm removes files)" : "no such folder on the server");
-        if (!client.deleteFolders({p}))
-            throw ItemFailure("the server could not delete it, or all of it");
-        return "removed " + p + "/";
+        if (client.deleteFolders({p}))
+            return "removed " + p + "/";
+        if (!client.pathExists(p))
+            throw ItemFailure("the server answered that it could not delete it, yet it is gone");
+        if (auto relation = homeRelationOnDisk(client, p, home); relation != HomeRelation::Apart)
+            throw ItemRefused(refusal(p, relation, home));
+        throw ItemFailure("the server did not delete it, or not all of it (no permission, a folder that holds the "
+                          "server's base or home folder, or the server may be read-only)");
     });
 }
 
@@ -499,7 +581,8 @@ int move(const Target& target, const std::string& from, const std::string& to, C
         if (client.pathExists(dest) || findFile(client, dest))
             throw ItemFailure(dest + " exists already (the server never replaces a file)");
         if (!client.renameFiles({{p, dest}}))
-            throw ItemFailure("the server could not rename it to " + dest);
+            throw ItemFailure("the server could not rename it to " + dest
+                + " (no permission, or the server may be read-only)");
         return "renamed " + p + " to " + dest;
     });
 }

@@ -90,6 +90,12 @@ void requireAbsolute(const std::string& path);
 // `path` without trailing slashes ("/" stays).
 std::string trimmed(const std::string& path);
 
+// How a remote folder stands to the server's home (default) folder, by
+// their text alone: ".", ".." and repeated or trailing slashes worked out.
+// rmdir refuses Is and Holds before it sends anything.
+enum class HomeRelation { Apart, Is, Holds };
+HomeRelation homeRelation(const std::string& path, const std::string& home);
+
 // Runs `body` and maps what escapes it to a message on console.err and an
 // exit code; `target` names the server in the messages.
 int guard(const Target& target, Console& console, const std::function<int()>& body);

@@ -5,6 +5,13 @@
 
 using Job = UploadJob;
 
+namespace {
+
+// The MD5 of no bytes at all.
+constexpr const char* kDigestOfNothing = "d41d8cd98f00b204e9800998ecf8427e";
+
+} // namespace
+
 Uploader::Uploader(ProtocolClient& client, Options options, std::function<void()> connect)
     : TransferRun(client, options, std::move(connect))
 {
@@ -214,7 +221,12 @@ void Uploader::runOnce(const std::vector<Job*>& which, TransferProgress* progres
                 job.outcome.resumedFrom = 0;
                 return;
             }
-            job.fail("the stored file does not match (" + job.digest + " here, " + result.digest + " there)");
+            // A server that stores nothing (read only) answers the digest
+            // of no file at all.
+            if (result.digest == kDigestOfNothing && job.outcome.size > 0)
+                job.fail("the server did not store it (the server may be read-only)");
+            else
+                job.fail("the stored file does not match (" + job.digest + " here, " + result.digest + " there)");
             return;
         }
         job.outcome.verified = m_options.verify;

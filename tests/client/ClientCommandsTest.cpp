@@ -195,6 +195,73 @@ TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
     EXPECT_FALSE(fs::exists(at("none")));
 }
 
+// rmdir refuses the server's home (default) folder and every folder that
+// holds it before it sends anything. Worked out on text alone, so that no
+// test ever has a delete of "/" sent.
+TEST(HomeRelationTest, DotsAndSlashesAreWorkedOutBeforeComparing)
+{
+    const struct {
+        const char* path;
+        HomeRelation expected;
+    } table[] = {
+        {"/", HomeRelation::Holds},
+        {"//", HomeRelation::Holds},
+        {"/.", HomeRelation::Holds},
+        {"/home/..", HomeRelation::Holds},
+        {"/home/u/", HomeRelation::Holds},
+        {"/home/u/Documents/..", HomeRelation::Holds},
+        {"/home/u/Documents", HomeRelation::Is},
+        {"/home/u/./Documents//", HomeRelation::Is},
+        {"/home/u/Documents/x/..", HomeRelation::Is},
+        {"/home/u/Documents/x", HomeRelation::Apart},
+        {"/home/u/Doc", HomeRelation::Apart},
+        {"/home/u/Documents2", HomeRelation::Apart},
+        {"/srv", HomeRelation::Apart},
+    };
+    for (const auto& row : table) {
+        EXPECT_EQ(homeRelation(row.path, "/home/u/Documents"), row.expected) << row.path;
+        EXPECT_EQ(homeRelation(row.path, "/home/u/Documents/"), row.expected) << row.path;
+    }
+}
+
+// The server's home folder here is a scratch folder inside the test's own
+// temporary home.
+TEST_F(ClientCommandsTest, RmdirNeverSendsADeleteOfTheHomeFolderAndRefusalsSaySo)
+{
+    const auto base = at("scratch/base");
+    fs::create_directories(base + "/sub");
+    m_server.settings().setBasePath(base);
+    EXPECT_EQ(removeFolders(m_target, {base + "/", at("scratch/./"), base + "/sub"}, m_console), Failed);
+    EXPECT_THAT(m_err.str(), HasSubstr("zandrel: refused: " + base + " is the server's home folder\n"));
+    EXPECT_THAT(m_err.str(), HasSubstr("zandrel: refused: " + at("scratch/.") + " holds the server's home folder (" + base + ")\n"));
+    EXPECT_THAT(m_out.str(), HasSubstr("removed " + base + "/sub/"));
+    EXPECT_TRUE(fs::is_directory(base));
+    int deletes = 0;
+    for (const auto& line : m_server.log().lines())
+        deletes += line.starts_with("Deleting folders.");
+    EXPECT_EQ(deletes, 1);
+
+    // A server that changes nothing answers each item as failed: one that
+    // reaches the home folder through a link is named as the refusal it is,
+    // the others say the server may be read-only.
+    clear();
+    m_server.settings().setReadOnly(true);
+    fs::create_directory_symlink(m_server.home().path(), at("alias"));
+    fs::create_directories(at("other"));
+    m_server.home().write("file", "f");
+    EXPECT_EQ(removeFolders(m_target, {at("alias/scratch"), at("other")}, m_console), Failed);
+    EXPECT_EQ(removeFiles(m_target, {at("file")}, m_console), Failed);
+    EXPECT_EQ(makeFolders(m_target, {at("new")}, m_console), Failed);
+    EXPECT_THAT(m_err.str(), HasSubstr("refused: " + at("alias/scratch") + " holds the server's home folder"));
+    EXPECT_THAT(m_err.str(), HasSubstr("rmdir " + at("other") + ": the server did not delete it"));
+    EXPECT_THAT(m_err.str(), HasSubstr("rm " + at("file") + ": the server could not delete it (no permission, or the server may be read-only)"));
+    EXPECT_THAT(m_err.str(), HasSubstr("mkdir " + at("new") + ": the server could not create it"));
+    m_server.home().write("up.txt", "up");
+    EXPECT_EQ(put(m_target, {at("up.txt")}, at("other/"), {}, m_console), Failed);
+    EXPECT_THAT(m_err.str(), HasSubstr("put " + at("up.txt") + ": the server did not store it (the server may be read-only)"));
+    EXPECT_TRUE(fs::is_directory(at("scratch/base")));
+}
+
 // Runs `onStart` when the first file starts to arrive.
 class FirstFileHook : public TransferProgress {
 public:
