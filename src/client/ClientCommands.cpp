@@ -226,6 +226,20 @@ std::optional<RemoteFile> findFile(ProtocolClient& client, const std::string& pa
     return std::nullopt;
 }
 
+// Says why `path` will not do where a folder is needed (the server would
+// answer a file as missing, and end the session); Ok when it is a folder.
+int needFolder(ProtocolClient& client, const std::string& path, const char* verb, const std::string& forAFile,
+    Console& console)
+{
+    if (client.pathExists(path))
+        return Ok;
+    if (findFile(client, path))
+        complain(console, fmt::format("{}: {} is a file, not a folder ({})", verb, path, forAFile));
+    else
+        complain(console, fmt::format("{}: no such folder on the server: {}", verb, path));
+    return Failed;
+}
+
 // Runs `body` on a fresh connection with the folder the command names, or
 // the server's default folder; a relative path is refused before connecting.
 int inFolder(const Target& target, const std::string& path, Console& console,
@@ -366,6 +380,8 @@ struct WalkedTree {
 int tree(const Target& target, const std::string& path, const TreeOptions& options, Console& console)
 {
     return inFolder(target, path, console, [&](ProtocolClient& client, const std::string& root) {
+        if (needFolder(client, root, "tree", "ls describes a file", console) != Ok)
+            return int(Failed);
         TreePrinter printer(options, console);
         ProtocolClient::TreeHandler handler;
         WalkedTree walked;
@@ -590,6 +606,9 @@ int move(const Target& target, const std::string& from, const std::string& to, C
 int freeSpace(const Target& target, const std::string& path, bool json, Console& console)
 {
     return inFolder(target, path, console, [&](ProtocolClient& client, const std::string& folder) {
+        const auto hint = "df " + Paths::deletingLastPathComponent(folder) + " gives the free space where it lies";
+        if (needFolder(client, folder, "df", hint, console) != Ok)
+            return int(Failed);
         auto free = client.freeSpace(folder);
         if (json)
             console.out << fmt::format("{{\"path\": {}, \"free\": {}}}\n", Json::quote(folder), free);

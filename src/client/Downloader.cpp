@@ -74,9 +74,8 @@ void Downloader::decide(std::vector<Job>& jobs)
             continue;
         const auto& local = job.outcome.local;
         job.outcome.size = static_cast<std::int64_t>(job.info.size);
-        std::error_code ec;
-        if (fs::is_directory(local, ec)) {
-            job.fail("a local folder is in the way: " + local);
+        if (auto kind = LocalFile::kindOf(local); !kind.empty()) {
+            job.fail(local + " is " + kind + " here, not a file: move it away, or get into another folder with --to");
             continue;
         }
         if (LocalFile::sizeOf(local) == job.outcome.size) {

@@ -88,6 +88,20 @@ std::int64_t LocalFile::sizeOf(const std::string& path)
     return st.st_size;
 }
 
+std::string LocalFile::kindOf(const std::string& path)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || S_ISREG(st.st_mode))
+        return {};
+    if (S_ISDIR(st.st_mode))
+        return "a folder";
+    if (S_ISFIFO(st.st_mode))
+        return "a FIFO";
+    if (S_ISSOCK(st.st_mode))
+        return "a socket";
+    return "a device";
+}
+
 std::int64_t LocalFile::modifiedOf(const std::string& path)
 {
     struct stat st {};

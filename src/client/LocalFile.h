@@ -30,6 +30,10 @@ public:
 
     // -1 when nothing is there or it is not a regular file.
     static std::int64_t sizeOf(const std::string& path);
+    // What stands at `path` when it is neither nothing nor a plain file
+    // (links followed), for messages: "a folder", "a FIFO", "a socket", "a
+    // device"; empty otherwise.
+    static std::string kindOf(const std::string& path);
     // Seconds since 1970, of a file that exists.
     static std::int64_t modifiedOf(const std::string& path);
     static bool setModified(const std::string& path, std::int64_t seconds);

@@ -12,6 +12,7 @@
 #include "client/ClientCommands.h"
 #include "client/Downloader.h"
 #include "client/Json.h"
+#include "client/LocalFile.h"
 #include "client/Names.h"
 #include "client/ProgressMeter.h"
 #include "client/ProtocolClient.h"
@@ -180,6 +181,16 @@ bool leftOut(const std::string& name)
     return Protocol::isLeftOutOfListings(name) || name.ends_with(Downloader::kPartialSuffix);
 }
 
+// What stands where a local folder should be, when something else does:
+// "a file", "a FIFO" ...; empty for nothing or a folder.
+std::string inTheWayOfAFolder(const fs::path& path)
+{
+    if (LocalFile::sizeOf(path) >= 0)
+        return "a file";
+    auto kind = LocalFile::kindOf(path);
+    return kind == "a folder" ? "" : kind;
+}
+
 TransferRunOptions runOptions(const TransferOptions& o)
 {
     TransferRunOptions run;
@@ -198,6 +209,8 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
         for (const auto& r : remotes)
             requireAbsolute(r);
         const fs::path into = folder.empty() ? "." : folder;
+        if (auto kind = inTheWayOfAFolder(into); !kind.empty())
+            throw UsageError("--to " + folder + " is " + kind + ", not a folder: name a folder (it is made when missing)");
         ProtocolClient client;
         open(client, target);
         Tally tally(console, kGet, options.json);
@@ -219,10 +232,14 @@ int get(const Target& target, const std::vector<std::string>& remotes, const std
             ProtocolClient::TreeHandler walk;
             walk.onFolder = [&](const RemoteFolder& f) {
                 auto relative = f.fullName == remote ? std::optional<fs::path>(fs::path()) : below(remote, f.fullName);
+                const auto here = relative ? local / *relative : fs::path();
                 if (!relative) {
                     tally.fail(f.fullName, "", "left out: a name that leaves the folder");
+                } else if (auto kind = inTheWayOfAFolder(here); !kind.empty()) {
+                    tally.fail(f.fullName, here.string(), here.string() + " is " + kind
+                        + " here, not a folder: move it away, or get into another folder with --to");
                 } else if (!options.dryRun) {
-                    fs::create_directories(local / *relative);
+                    fs::create_directories(here);
                 }
             };
             walk.onFile = [&](const RemoteFile& f) {

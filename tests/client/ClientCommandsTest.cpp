@@ -6,7 +6,17 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <vector>
 #include <utility>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,6 +29,7 @@
 namespace fs = std::filesystem;
 using namespace ClientCommands;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
@@ -143,7 +154,11 @@ TEST_F(ClientCommandsTest, FileSystemCommandsSayWhichItemsFailed)
 
     clear();
     EXPECT_EQ(freeSpace(m_target, at("m/b"), false, m_console), Failed);
-    EXPECT_THAT(m_err.str(), HasSubstr("Path " + at("m/b") + " does not exist."));
+    EXPECT_EQ(tree(m_target, at("m/b"), {}, m_console), Failed);
+    EXPECT_EQ(tree(m_target, at("m/none"), {}, m_console), Failed);
+    EXPECT_THAT(m_err.str(), HasSubstr("df: " + at("m/b") + " is a file, not a folder (df " + at("m") + " gives"));
+    EXPECT_THAT(m_err.str(), HasSubstr("tree: " + at("m/b") + " is a file, not a folder (ls describes a file)"));
+    EXPECT_THAT(m_err.str(), HasSubstr("tree: no such folder on the server: " + at("m/none")));
 }
 
 TEST_F(ClientCommandsTest, TreesCopiedTwiceMoveNothingTheSecondTime)
@@ -260,6 +275,102 @@ TEST_F(ClientCommandsTest, RmdirNeverSendsADeleteOfTheHomeFolderAndRefusalsSaySo
     EXPECT_EQ(put(m_target, {at("up.txt")}, at("other/"), {}, m_console), Failed);
     EXPECT_THAT(m_err.str(), HasSubstr("put " + at("up.txt") + ": the server did not store it (the server may be read-only)"));
     EXPECT_TRUE(fs::is_directory(at("scratch/base")));
+}
+
+struct CliRun {
+    int status = -1; // the exit code; -1 when it did not exit
+    std::string output; // standard output and error together
+};
+
+// Runs the zandrel program with `args`; `whileRunning` (if given) gets its
+// process id before the output is read.
+CliRun runCli(const std::vector<std::string>& args, const std::function<void(pid_t)>& whileRunning = {})
+{
+    int out[2];
+    if (::pipe(out) != 0)
+        return {};
+    pid_t child = ::fork();
+    if (child == 0) {
+        ::dup2(out[1], 1);
+        ::dup2(out[1], 2);
+        ::close(out[0]);
+        std::vector<char*> argv{const_cast<char*>(ZANDREL_CLI)};
+        for (const auto& a : args)
+            argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        ::execv(ZANDREL_CLI, argv.data());
+        ::_exit(127);
+    }
+    ::close(out[1]);
+    if (whileRunning)
+        whileRunning(child);
+    CliRun run;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;)
+        run.output.append(buffer, static_cast<std::size_t>(n));
+    ::close(out[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+// What a person sees first: help, the version, and the messages for a
+// destination that cannot take the copy.
+TEST_F(ClientCommandsTest, HelpVersionAndMessagesReadAsAPersonExpects)
+{
+    m_server.home().write("r/a.txt", "a");
+    m_server.home().write("r/b.txt", "b");
+    fs::create_directories(at("down/a.txt"));
+    ASSERT_EQ(::mkfifo(at("down/b.txt").c_str(), 0600), 0);
+    m_server.home().write("afile", "x");
+    const std::vector<std::string> server{"--port", std::to_string(m_server.port()), "--hash", m_server.hash()};
+    auto with = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), server.begin(), server.end());
+        return args;
+    };
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::vector<std::string> shows;
+        std::string never;
+    } table[] = {
+        {{"--version"}, Ok, {"zandrel 1."}, "Usage"},
+        {{"--help"}, Ok, {"Usage: zandrel [OPTIONS] SUBCOMMAND", "  -p, --port PORT", "NAME.zandrel-part", "130 interrupted"}, "UINT"},
+        {{"get", "--help"}, Ok, {"Usage: zandrel get [OPTIONS] remote...", "  -r, --recursive"}, "zandrel-part"},
+        {{"put", "--help"}, Ok, {"a trailing / or an existing folder means into"}, "zandrel-part"},
+        {{"discover", "--help"}, Ok, {"whatever port it was sent from"}, "zandrel-part"},
+        {with({"get", at("r/a.txt"), at("r/b.txt"), "--to", at("down")}), Failed,
+            {at("down/a.txt") + " is a folder here, not a file: move it away, or get into another folder with --to",
+                at("down/b.txt") + " is a FIFO here, not a file"},
+            "filesystem"},
+        {with({"get", at("r/a.txt"), "--to", at("afile")}), Usage, {"--to " + at("afile") + " is a file, not a folder"}, "filesystem"},
+    };
+    for (const auto& row : table) {
+        auto run = runCli(row.args);
+        EXPECT_EQ(run.status, row.status) << row.args.back() << "\n" << run.output;
+        for (const auto& text : row.shows)
+            EXPECT_THAT(run.output, HasSubstr(text)) << row.args.back();
+        EXPECT_THAT(run.output, Not(HasSubstr(row.never))) << row.args.back();
+    }
+
+    // Ctrl-C while get waits for a server that never answers.
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    auto run = runCli({"--port", std::to_string(ntohs(address.sin_port)), "get", "/x", "--to", at("down")}, [&](pid_t child) {
+        pollfd connected{listener, POLLIN, 0};
+        EXPECT_EQ(::poll(&connected, 1, 20000), 1); // the client has connected
+        ::kill(child, SIGINT);
+    });
+    ::close(listener);
+    EXPECT_EQ(run.status, Interrupted);
+    EXPECT_THAT(run.output, HasSubstr("zandrel: interrupted: run the same command again to resume\n"));
 }
 
 // Runs `onStart` when the first file starts to arrive.
