@@ -256,12 +256,18 @@ TEST_F(ClientCommandsTest, RmdirNeverSendsADeleteOfTheHomeFolderAndRefusalsSaySo
         deletes += line.starts_with("Deleting folders.");
     EXPECT_EQ(deletes, 1);
 
-    // A server that changes nothing answers each item as failed: one that
-    // reaches the home folder through a link is named as the refusal it is,
-    // the others say the server may be read-only.
+    // Through a link only the server sees the home folder: it answers the
+    // item as failed, and the message is the same.
+    clear();
+    fs::create_directory_symlink(m_server.home().path(), at("alias"));
+    EXPECT_EQ(removeFolders(m_target, {at("alias/scratch")}, m_console), Failed);
+    EXPECT_EQ(m_err.str(), "zandrel: refused: " + at("alias/scratch") + " holds the server's home folder (" + base + ")\n");
+    EXPECT_TRUE(fs::is_directory(base));
+
+    // A server that changes nothing answers each item as failed, and may
+    // be read-only.
     clear();
     m_server.settings().setReadOnly(true);
-    fs::create_directory_symlink(m_server.home().path(), at("alias"));
     fs::create_directories(at("other"));
     m_server.home().write("file", "f");
     EXPECT_EQ(removeFolders(m_target, {at("alias/scratch"), at("other")}, m_console), Failed);
