@@ -168,7 +168,7 @@ void Downloader::runOnce(const std::vector<Job*>& which, TransferProgress* progr
         if (job.have > job.outcome.size)
             return; // shrank on the server: fetched again whole below
         if (progress)
-            progress->start(Paths::lastPathComponent(job.outcome.local), job.have, job.outcome.size);
+            progress->start(Names::shown(Paths::lastPathComponent(job.outcome.local)), job.have, job.outcome.size);
     };
     handler.onData = [&](std::size_t at, const std::uint8_t* data, std::size_t length) {
         Job& job = *which[at];
