@@ -283,7 +283,7 @@ public:
         std::vector<std::int64_t> offsets;
         for (std::int32_t i = 0; i < count; ++i) {
             files.push_back(readHeader(withDigest));
-            offsets.push_back(files.back().offset);
+            offsets.push_back(files.back().start.offset);
         }
         m_io.writeDataPacket(Command::UploadFiles, BitHelper::encodeLongLongArray(offsets), kUploading);
         for (const auto& file : files)
@@ -299,7 +299,7 @@ private:
         std::string path;
         std::int64_t size;
         std::int64_t modified;
-        std::int64_t offset;
+        PartialFile::Start start;
     };
 
     Incoming readHeader(bool withDigest)
@@ -320,7 +320,8 @@ private:
         // kept: see docs/protocol.md (upload digest ignored)
         if (withDigest)
             m_io.readString(kUploading);
-        file.offset = file.disk ? PartialFile::resumeOffset(PartialFile::pathFor(*file.disk), file.size) : 0;
+        if (file.disk)
+            file.start = PartialFile::startFor(PartialFile::pathFor(*file.disk), file.size);
         return file;
     }
 
@@ -329,7 +330,7 @@ private:
         std::error_code ignored;
         if (file.disk)
             std::filesystem::create_directories(Paths::deletingLastPathComponent(*file.disk), ignored);
-        m_bridge.logInfo(fmt::format("Receiving: {}. Offset = {}", file.path, file.offset));
+        m_bridge.logInfo(fmt::format("Receiving: {}. Offset = {}", file.path, file.start.offset));
         notifyIfWanted(m_bridge, m_settings, "Receiving File", file.path, "RECEIVEFILE");
 
         std::optional<std::string> written;
@@ -344,9 +345,10 @@ private:
     // returns how many came. The move happens under the upload lock too:
     // released before it, a second upload of the same path could append to
     // the file being moved, or find its partial gone and remove the
-    // destination for nothing. When the partial no longer continues where
-    // the phone resumes, the bytes are read and dropped, and the digest the
-    // phone then gets is that of whatever the destination still holds.
+    // destination for nothing. A partial that cannot be opened, or that is
+    // no longer the file the phone resumes, ends the upload before any byte
+    // is taken, so the phone never hears of bytes that went nowhere; only a
+    // path that names nothing has its bytes read and dropped.
     //
     // Each chunk is put on disk by a helper while the next one is received;
     // the last sync is waited for before the count is answered, so no byte
@@ -355,13 +357,12 @@ private:
     std::int64_t receiveData(const Incoming& file, std::optional<std::string>* written)
     {
         UploadHold lock(m_input);
-        std::unique_ptr<PartialFile> partial;
-        if (file.disk)
-            partial = PartialFile::open(PartialFile::pathFor(*file.disk), file.offset);
+        auto partial = file.disk ? openPartial(*file.disk, file.start) : nullptr;
+        const auto offset = file.start.offset;
         std::optional<Digest::Md5> md5;
-        if (written && partial && file.offset == 0)
+        if (written && partial && offset == 0)
             md5.emplace();
-        std::int64_t remaining = file.size - file.offset;
+        std::int64_t remaining = file.size - offset;
         std::int64_t received = 0;
         if (m_buffer.empty() && remaining > 0)
             m_buffer.resize(kChunkSize);
@@ -373,7 +374,7 @@ private:
             if (partial && remaining > 0)
                 partial->flushInBackground();
             if (m_settings.getVerbose())
-                m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, file.offset + received));
+                m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, offset + received));
             m_bridge.setProgress(low32(received), low32(file.size));
         }
         if (partial) {
@@ -383,6 +384,17 @@ private:
                 *written = md5->hex();
         }
         return received;
+    }
+
+    // Logged like a download's file that cannot be opened.
+    std::unique_ptr<PartialFile> openPartial(const std::string& disk, const PartialFile::Start& start)
+    {
+        try {
+            return PartialFile::open(PartialFile::pathFor(disk), start);
+        } catch (const SyncException& failure) {
+            m_bridge.logError(failure.reason());
+            throw;
+        }
     }
 
     // Reads one chunk, appending each piece as soon as it has arrived, so

@@ -34,38 +34,39 @@ std::string PartialFile::pathFor(const std::string& destination)
     return destination + std::string(Protocol::kPartialSuffix);
 }
 
-std::int64_t PartialFile::resumeOffset(const std::string& partial, std::int64_t announced)
+PartialFile::Start PartialFile::startFor(const std::string& partial, std::int64_t announced)
 {
     struct stat st {};
-    if (::stat(partial.c_str(), &st) != 0 || S_ISDIR(st.st_mode) || st.st_size > announced)
-        return 0;
-    return st.st_size;
+    if (::lstat(partial.c_str(), &st) != 0)
+        return {};
+    // Left in place: creating the new partial fails on them, ending the
+    // upload like a file that cannot be opened.
+    if (!S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode))
+        return {};
+    if (S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_size > 0 && st.st_size <= announced
+        && ::faccessat(AT_FDCWD, partial.c_str(), W_OK, AT_EACCESS) == 0)
+        return {st.st_size, st.st_dev, st.st_ino};
+    ::unlink(partial.c_str());
+    return {};
 }
 
-std::unique_ptr<PartialFile> PartialFile::open(const std::string& path, std::int64_t offset)
+std::unique_ptr<PartialFile> PartialFile::open(const std::string& path, const Start& start)
 {
-    // Non-blocking, so that a FIFO put at the partial's name fails at once
-    // instead of waiting for a reader.
-    int flags = O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC;
-    if (offset == 0)
-        flags |= O_CREAT;
-    int fd = ::open(path.c_str(), flags, 0644);
-    if (fd < 0 && errno == ENOENT)
-        return nullptr;
-    // A folder (or an unwritable spot) at the partial's path ends the upload
-    // like a download of a file that cannot be opened.
+    // Non-blocking, so that a FIFO put at the partial's name since fails at
+    // once instead of waiting for a reader.
+    int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    if (start.offset == 0)
+        flags |= O_CREAT | O_EXCL;
+    int fd = ::open(path.c_str(), flags, 0666);
     if (fd < 0)
         failOpen(path);
     std::unique_ptr<PartialFile> partial(new PartialFile(path, fd));
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+    if (start.offset > 0
+        && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || st.st_dev != start.device
+            || st.st_ino != start.inode || st.st_size != start.offset))
         failOpen(path);
-    if (st.st_size == offset)
-        return partial;
-    // Starting from 0 discards whatever another upload left there.
-    if (offset == 0 && ::ftruncate(fd, 0) == 0)
-        return partial;
-    return nullptr;
+    return partial;
 }
 
 PartialFile::PartialFile(std::string path, int fd) : m_path(std::move(path)), m_fd(fd) {}

@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include <sys/types.h>
+
 // The file an upload is received into, "<destination>.zandrel". It outlives a
 // cut connection on purpose: the next upload of the same path resumes from
 // its length. Opened, written and moved into place only under the upload
@@ -15,20 +17,32 @@
 class PartialFile {
 public:
     static std::string pathFor(const std::string& destination);
-    // Where an upload of `announced` bytes starts: the partial's length; 0 when
-    // nothing or a folder is there, or when it is longer than announced (it
-    // cannot belong to this file and is started afresh once the data comes).
-    // Changes nothing on disk: another session may be receiving into it.
-    static std::int64_t resumeOffset(const std::string& partial, std::int64_t announced);
 
-    // Opens the partial of an upload that starts at `offset` (created when
-    // missing and the upload starts at 0; emptied when it starts at 0 but
-    // something is there). Null when the partial no longer holds exactly
-    // `offset` bytes: another upload of the same path, or someone else,
-    // changed it since the offset was answered, so the phone's bytes would
-    // not continue what is there. Throws a SyncException ("FailedOpen") when
-    // it cannot be opened or is not a plain file.
-    static std::unique_ptr<PartialFile> open(const std::string& path, std::int64_t offset);
+    // Where an upload starts, as the offsets answer told the phone, and for
+    // a resumed upload which file it continues.
+    struct Start {
+        std::int64_t offset = 0;
+        dev_t device = 0;
+        ino_t inode = 0;
+    };
+
+    // Works out where an upload of `announced` bytes starts, when the offsets
+    // are answered: the partial's length when it is a plain file of the
+    // server's own that the data can continue (not a link, no other names,
+    // writable, not longer than announced, not empty). Anything else but a
+    // folder or a special file is removed (a link as a link, never followed),
+    // and the upload starts from 0 into a file created afresh, so it never
+    // writes into a file someone else holds, nor keeps a stale one's mode.
+    static Start startFor(const std::string& partial, std::int64_t announced);
+
+    // Opens the partial of an upload that starts at `start`: from 0 a new
+    // file is created exclusively (the usual 0666 less the umask), otherwise
+    // the very file whose length was answered is continued. Throws a
+    // SyncException ("FailedOpen") when it cannot be created or opened, or
+    // when the partial is no longer that file at that length (another item
+    // of the batch, another session or program replaced, grew or removed
+    // it): the phone's bytes would not continue what is there.
+    static std::unique_ptr<PartialFile> open(const std::string& path, const Start& start);
 
     // Closes (see close()).
     ~PartialFile();

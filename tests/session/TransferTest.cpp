@@ -116,17 +116,20 @@ TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
 }
 
 // A FIFO nobody writes would block the open; /dev/zero would feed the digest
-// for ever. A missing file, or one named with a NUL byte (cut there, the path
+// for ever; a folder, from any offset, holds no bytes to send. A missing file, or one named with a NUL byte (cut there, the path
 // would name report.txt), is described as nothing: size and dates 0.
 TEST_F(TransferTest, DownloadOfAnythingButAPlainFileFailsLikeAFileThatCannotBeOpened)
 {
-    const auto fifo = at("fifo").string(), missing = at("gone.mp3").string();
+    const auto fifo = at("fifo").string(), missing = at("gone.mp3").string(), folder = at("folder").string();
     const auto nul = at("report.txt").string() + std::string(1, '\0') + ".new";
     home.write("report.txt", "not to be sent");
+    home.write("folder/inside.txt", "a folder is no file to send");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& path : {missing, nul, fifo, std::string("/dev/zero")}) {
+    const std::pair<std::string, std::int64_t> wanted[] = {
+        {missing, 0}, {nul, 0}, {fifo, 0}, {"/dev/zero", 0}, {folder, 0}, {folder, 1 << 30}};
+    for (const auto& [path, offset] : wanted) {
         auto s = newSession();
-        download(*s, downloadFields(1, {{path, 0}}, true));
+        download(*s, downloadFields(1, {{path, offset}}, true));
         auto record = readRecord(s->phone);
         EXPECT_EQ(record.fullName, path);
         if (path == missing || path == nul) {
@@ -300,12 +303,11 @@ TEST_F(TransferTest, TwoUploadsOfOnePathAtOnceLeaveOneCompleteFile)
     EXPECT_EQ(b->phone.readLong(), 1000000);
     auto digestB = b->phone.readString();
 
-    // One of the two, whole; a phone told another digest sees it differ.
-    const auto stored = readFile(path);
-    EXPECT_TRUE(stored == longer || stored == shorter) << stored.size() << " bytes";
-    for (const auto& digest : {digestA, digestB})
-        EXPECT_TRUE(digest == md5(longer) || digest == md5(shorter)) << digest;
-    EXPECT_EQ(digestB, md5(stored));
+    // The second removed the partial when it answered its offset, so the
+    // first moves nothing and its phone is told a digest that differs.
+    EXPECT_EQ(md5(readFile(path)), md5(shorter));
+    EXPECT_NE(digestA, md5(longer));
+    EXPECT_EQ(digestB, md5(shorter));
     EXPECT_FALSE(fs::exists(path.string() + ".zandrel"));
     session->expectAnswered();
     b->expectAnswered();
@@ -329,6 +331,79 @@ TEST_F(TransferTest, UploadWhosePartialIsDeletedMidwayKeepsTheOldFile)
     EXPECT_EQ(readFile(path), "the old version");
     session->expectAnswered();
     EXPECT_EQ(notifier->notices(), Notices(1, {"Receiving File", path.string(), "RECEIVEFILE"}));
+}
+
+// A link at the partial's name, a partial with another name, or a stale one
+// longer than announced is removed when the offsets are answered (a link as
+// a link), and the file is written afresh: nothing is written through them
+// and nothing of them is kept.
+TEST_F(TransferTest, UploadNeverWritesThroughAPartialThatIsNotItsOwn)
+{
+    const auto precious = home.write("up/precious.txt", pattern(48, 1));
+    const auto shared = home.write("up/shared.bin", "shared");
+    const auto linked = at("up/dest.txt"), hardLinked = at("up/song.bin"), stale = at("up/stale.bin");
+    const auto partialOf = [](const fs::path& p) { return fs::path(p.string() + ".zandrel"); };
+    fs::create_symlink(precious, partialOf(linked));
+    fs::create_hard_link(shared, partialOf(hardLinked));
+    home.write("up/stale.bin.zandrel", pattern(50, 2));
+    fs::permissions(partialOf(stale), fs::perms::none);
+    const auto oldMask = ::umask(002);
+    upload(*session, uploadFields(true, 3, {{linked, 3, 1}, {hardLinked, 10, 2}, {stale, 20, 3}}));
+
+    expectOffsets(phone(), {0, 0, 0});
+    for (const auto& p : {linked, hardLinked, stale})
+        EXPECT_FALSE(fs::exists(fs::symlink_status(partialOf(p)))) << "removed before any data: " << p;
+    const std::pair<fs::path, std::string> sent[] = {
+        {linked, pattern(3, 3)}, {hardLinked, pattern(10, 4)}, {stale, pattern(20, 5)}};
+    for (const auto& [p, data] : sent) {
+        phone().sendRaw(bytesOf(data));
+        expectNext(phone(), join({number(static_cast<std::int64_t>(data.size())), text(md5(data))}));
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(p))) << p;
+        EXPECT_EQ(readFile(p), data) << p;
+    }
+    session->expectAnswered();
+    ::umask(oldMask);
+
+    EXPECT_EQ(readFile(precious), pattern(48, 1));
+    EXPECT_EQ(readFile(shared), "shared");
+    EXPECT_EQ(fs::status(stale).permissions(), static_cast<fs::perms>(0664));
+}
+
+// A partial that cannot be created fails the upload before any of its bytes
+// is taken, so a phone that deletes what it uploaded keeps its copy; only a
+// path that names nothing has its bytes dropped (see above).
+TEST_F(TransferTest, UploadThatCannotBeStoredFailsBeforeTakingAnyByte)
+{
+    home.write("plain.txt", "a file, not a folder");
+    const auto path = at("plain.txt/x.txt");
+    upload(*session, uploadFields(false, 1, {{path, 2000, 1}}));
+    expectOffsets(phone(), {0});
+    session->expectFailure(Command::UploadFiles, "Failed to open file: " + path.string() + ".zandrel");
+    EXPECT_TRUE(log.contains("Failed to open file: " + path.string() + ".zandrel"));
+    EXPECT_FALSE(log.contains("Saved: " + path.string() + "."));
+}
+
+// The third file resumes the stale partial, which the first file of the same
+// batch replaces before the third's data comes: continuing it would append
+// the third's tail to the first file, and dropping the data would leave the
+// phone sure of an upload that never happened.
+TEST_F(TransferTest, UploadIntoAPartialChangedSinceItsOffsetFailsBeforeTakingAnyByte)
+{
+    const auto hiddenPartial = at("S/.hidden.zandrel"), other = at("S/x.zandrel"), hidden = at("S/.hidden");
+    home.write("S/.hidden", "the old contents");
+    home.write("S/.hidden.zandrel", pattern(1357, 7));
+    const auto first = pattern(3564, 8), second = pattern(100, 9);
+    upload(*session, uploadFields(true, 3, {{hiddenPartial, 3564, 1}, {other, 100, 2}, {hidden, 512001, 3}}));
+
+    expectOffsets(phone(), {0, 0, 1357});
+    for (const auto& data : {first, second}) {
+        phone().sendRaw(bytesOf(data));
+        expectNext(phone(), join({number(static_cast<std::int64_t>(data.size())), text(md5(data))}));
+    }
+    session->expectFailure(Command::UploadFiles, "Failed to open file: " + hiddenPartial.string());
+    EXPECT_EQ(readFile(hiddenPartial), first);
+    EXPECT_EQ(readFile(other), second);
+    EXPECT_EQ(readFile(hidden), "the old contents");
 }
 
 } // namespace
