@@ -84,6 +84,12 @@ protected:
         EXPECT_TRUE(s.phone.readReply(true).isEmptyHeader);
     }
     void upload(HandlerSession& s, const Bytes& fields) { s.start([&s] { s.transfers.uploadFiles(); }, fields); }
+    // The phone sends a whole file, the server answers its count and digest.
+    static void expectStored(SyncClient& phone, const std::string& data)
+    {
+        phone.sendRaw(bytesOf(data));
+        expectNext(phone, join({number(static_cast<std::int64_t>(data.size())), text(md5(data))}));
+    }
     std::shared_ptr<RecordingNotifier> notifier = std::make_shared<RecordingNotifier>();
 };
 
@@ -115,17 +121,16 @@ TEST_F(TransferTest, DownloadSendsFromEachOffsetToTheEndAndTheWholeFileDigest)
     EXPECT_EQ(notifier->notices(), Notices(3, {"Sending File", path, "SENDFILE"}));
 }
 
-// A FIFO nobody writes would block the open; /dev/zero would feed the digest
-// for ever; a folder, from any offset, holds no bytes to send. A missing file, or one named with a NUL byte (cut there, the path
-// would name report.txt), is described as nothing: size and dates 0.
+// A FIFO nobody writes would block the open; /dev/zero would feed the digest for ever; a folder, from any
+// offset, holds no bytes to send. A missing file, or one named with a NUL byte (cut there, the path would
+// name report.txt), is described as nothing: size and dates 0.
 TEST_F(TransferTest, DownloadOfAnythingButAPlainFileFailsLikeAFileThatCannotBeOpened)
 {
-    const auto fifo = at("fifo").string(), missing = at("gone.mp3").string(), folder = at("folder").string();
+    const auto fifo = at("fifo").string(), missing = at("gone.mp3").string(), folder = home.path().string();
     const auto nul = at("report.txt").string() + std::string(1, '\0') + ".new";
     home.write("report.txt", "not to be sent");
-    home.write("folder/inside.txt", "a folder is no file to send");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    const std::pair<std::string, std::int64_t> wanted[] = {
+    const std::pair<std::string, int> wanted[] = {
         {missing, 0}, {nul, 0}, {fifo, 0}, {"/dev/zero", 0}, {folder, 0}, {folder, 1 << 30}};
     for (const auto& [path, offset] : wanted) {
         auto s = newSession();
@@ -333,34 +338,28 @@ TEST_F(TransferTest, UploadWhosePartialIsDeletedMidwayKeepsTheOldFile)
     EXPECT_EQ(notifier->notices(), Notices(1, {"Receiving File", path.string(), "RECEIVEFILE"}));
 }
 
-// A link at the partial's name, a partial with another name, or a stale one
-// longer than announced is removed when the offsets are answered (a link as
-// a link), and the file is written afresh: nothing is written through them
-// and nothing of them is kept.
+// A link at the partial's name, a partial with another name, or a stale one longer than announced is
+// removed when the offsets are answered (a link as a link) and the file written afresh, keeping nothing of it.
 TEST_F(TransferTest, UploadNeverWritesThroughAPartialThatIsNotItsOwn)
 {
-    const auto precious = home.write("up/precious.txt", pattern(48, 1));
-    const auto shared = home.write("up/shared.bin", "shared");
+    const auto precious = home.write("up/precious.txt", pattern(48, 1)), shared = home.write("up/shared.bin", "shared");
     const auto linked = at("up/dest.txt"), hardLinked = at("up/song.bin"), stale = at("up/stale.bin");
     const auto partialOf = [](const fs::path& p) { return fs::path(p.string() + ".zandrel"); };
     fs::create_symlink(precious, partialOf(linked));
     fs::create_hard_link(shared, partialOf(hardLinked));
-    home.write("up/stale.bin.zandrel", pattern(50, 2));
-    fs::permissions(partialOf(stale), fs::perms::none);
+    fs::permissions(home.write("up/stale.bin.zandrel", pattern(50, 2)), fs::perms::none);
     const auto oldMask = ::umask(002);
     upload(*session, uploadFields(true, 3, {{linked, 3, 1}, {hardLinked, 10, 2}, {stale, 20, 3}}));
 
     expectOffsets(phone(), {0, 0, 0});
-    // Removed before any data; the first file's partial may already stand
-    // there again, created afresh while the session waits for its bytes.
+    // Removed before any data (the first one may already be created afresh).
     EXPECT_FALSE(fs::is_symlink(partialOf(linked)));
     for (const auto& p : {hardLinked, stale})
         EXPECT_FALSE(fs::exists(fs::symlink_status(partialOf(p)))) << p;
     const std::pair<fs::path, std::string> sent[] = {
         {linked, pattern(3, 3)}, {hardLinked, pattern(10, 4)}, {stale, pattern(20, 5)}};
     for (const auto& [p, data] : sent) {
-        phone().sendRaw(bytesOf(data));
-        expectNext(phone(), join({number(static_cast<std::int64_t>(data.size())), text(md5(data))}));
+        expectStored(phone(), data);
         EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(p))) << p;
         EXPECT_EQ(readFile(p), data) << p;
     }
@@ -372,41 +371,30 @@ TEST_F(TransferTest, UploadNeverWritesThroughAPartialThatIsNotItsOwn)
     EXPECT_EQ(fs::status(stale).permissions(), static_cast<fs::perms>(0664));
 }
 
-// A partial that cannot be created fails the upload before any of its bytes
-// is taken, so a phone that deletes what it uploaded keeps its copy; only a
-// path that names nothing has its bytes dropped (see above).
-TEST_F(TransferTest, UploadThatCannotBeStoredFailsBeforeTakingAnyByte)
+// A partial that cannot be created, or is no longer the file whose length was answered, fails the upload
+// before any byte is taken: dropped, the phone would believe them stored. The third file resumes the stale
+// partial the first replaces meanwhile; continuing it would append the third's tail to the first file.
+TEST_F(TransferTest, UploadWhosePartialCannotBeOpenedOrChangedFailsBeforeTakingAnyByte)
 {
-    home.write("plain.txt", "a file, not a folder");
-    const auto path = at("plain.txt/x.txt");
-    upload(*session, uploadFields(false, 1, {{path, 2000, 1}}));
-    expectOffsets(phone(), {0});
-    session->expectFailure(Command::UploadFiles, "Failed to open file: " + path.string() + ".zandrel");
-    EXPECT_TRUE(log.contains("Failed to open file: " + path.string() + ".zandrel"));
-    EXPECT_FALSE(log.contains("Saved: " + path.string() + "."));
-}
-
-// The third file resumes the stale partial, which the first file of the same
-// batch replaces before the third's data comes: continuing it would append
-// the third's tail to the first file, and dropping the data would leave the
-// phone sure of an upload that never happened.
-TEST_F(TransferTest, UploadIntoAPartialChangedSinceItsOffsetFailsBeforeTakingAnyByte)
-{
-    const auto hiddenPartial = at("S/.hidden.zandrel"), other = at("S/x.zandrel"), hidden = at("S/.hidden");
-    home.write("S/.hidden", "the old contents");
-    home.write("S/.hidden.zandrel", pattern(1357, 7));
+    const auto hidden = home.write("S/.hidden", "the old contents"), other = at("S/x.zandrel");
+    const auto hiddenPartial = home.write("S/.hidden.zandrel", pattern(1357, 7)); // stale, resumed by the third
     const auto first = pattern(3564, 8), second = pattern(100, 9);
     upload(*session, uploadFields(true, 3, {{hiddenPartial, 3564, 1}, {other, 100, 2}, {hidden, 512001, 3}}));
-
     expectOffsets(phone(), {0, 0, 1357});
-    for (const auto& data : {first, second}) {
-        phone().sendRaw(bytesOf(data));
-        expectNext(phone(), join({number(static_cast<std::int64_t>(data.size())), text(md5(data))}));
-    }
+    expectStored(phone(), first);
+    expectStored(phone(), second);
     session->expectFailure(Command::UploadFiles, "Failed to open file: " + hiddenPartial.string());
     EXPECT_EQ(readFile(hiddenPartial), first);
     EXPECT_EQ(readFile(other), second);
     EXPECT_EQ(readFile(hidden), "the old contents");
+
+    // Its folder cannot be made: a file stands where it would be.
+    const auto unstorable = at("S/x.zandrel/x.txt").string();
+    auto s = newSession();
+    upload(*s, uploadFields(false, 1, {{unstorable, 2000, 1}}));
+    expectOffsets(s->phone, {0});
+    s->expectFailure(Command::UploadFiles, "Failed to open file: " + unstorable + ".zandrel");
+    EXPECT_TRUE(log.contains("Failed to open file: " + unstorable + ".zandrel"));
 }
 
 } // namespace
