@@ -34,6 +34,15 @@ void applyKey(plist_t dict, const char* key, T& field, Reading reading)
     }
 }
 
+// For the keys written only once set: present in the file means set.
+template <class T, class Reading>
+void applyOptionalKey(plist_t dict, const char* key, std::optional<T>& field, Reading reading)
+{
+    if (plist_t node = plist_dict_get_item(dict, key))
+        if (auto value = reading(node))
+            field = static_cast<T>(*value);
+}
+
 } // namespace
 
 Settings::Settings()
@@ -70,6 +79,10 @@ void Settings::setDefaults()
     m_strictIdentify = false;
     m_readOnly = false;
     m_listenAddress.clear();
+    m_keepDeleted.reset();
+    m_keepReplaced.reset();
+    m_keepDays.reset();
+    m_keepPercent.reset();
 }
 
 void Settings::readPreferences()
@@ -126,6 +139,10 @@ void Settings::applyFileKeys(void* root)
     applyKey(dict, "strictIdentify", m_strictIdentify, PlistFile::boolValue);
     applyKey(dict, "readOnly", m_readOnly, PlistFile::boolValue);
     applyKey(dict, "listenAddress", m_listenAddress, PlistFile::stringValue);
+    applyOptionalKey(dict, "keepDeleted", m_keepDeleted, PlistFile::boolValue);
+    applyOptionalKey(dict, "keepReplaced", m_keepReplaced, PlistFile::boolValue);
+    applyOptionalKey(dict, "keepDays", m_keepDays, PlistFile::intValue);
+    applyOptionalKey(dict, "keepPercent", m_keepPercent, PlistFile::intValue);
 }
 
 void Settings::writePreferences()
@@ -156,6 +173,14 @@ void Settings::writePreferences()
             plist_dict_set_item(dict, "readOnly", plist_new_bool(true));
         if (!m_listenAddress.empty())
             plist_dict_set_item(dict, "listenAddress", plist_new_string(m_listenAddress.c_str()));
+        if (m_keepDeleted)
+            plist_dict_set_item(dict, "keepDeleted", plist_new_bool(*m_keepDeleted));
+        if (m_keepReplaced)
+            plist_dict_set_item(dict, "keepReplaced", plist_new_bool(*m_keepReplaced));
+        if (m_keepDays)
+            plist_dict_set_item(dict, "keepDays", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(*m_keepDays))));
+        if (m_keepPercent)
+            plist_dict_set_item(dict, "keepPercent", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(*m_keepPercent))));
     }
     // A failed save is not reported; the old file, if any, stays whole.
     PlistFile::writeXml(preferencesPath(), dict);
@@ -446,4 +471,52 @@ void Settings::setStartAtLogin(const std::string& appPath, bool enabled)
 std::string Settings::autostartEntryPath()
 {
     return LoginItems::entryPath();
+}
+
+bool Settings::getKeepDeleted() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_keepDeleted.value_or(true);
+}
+
+void Settings::setKeepDeleted(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_keepDeleted = on;
+}
+
+bool Settings::getKeepReplaced() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_keepReplaced.value_or(true);
+}
+
+void Settings::setKeepReplaced(bool on)
+{
+    std::lock_guard lock(m_mutex);
+    m_keepReplaced = on;
+}
+
+std::int32_t Settings::getKeepDays() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_keepDays.value_or(30);
+}
+
+void Settings::setKeepDays(std::int32_t days)
+{
+    std::lock_guard lock(m_mutex);
+    m_keepDays = days;
+}
+
+std::int32_t Settings::getKeepPercent() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_keepPercent.value_or(10);
+}
+
+void Settings::setKeepPercent(std::int32_t percent)
+{
+    std::lock_guard lock(m_mutex);
+    m_keepPercent = percent;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,17 @@ public:
     // One IPv4 address to listen on; empty means every address.
     std::string getListenAddress() const;
     void setListenAddress(const std::string& address);
+    // What phones delete or replace goes to the trash (both on by default),
+    // for at most keepDays days and keepPercent percent of each volume.
+    // Each is written to the file only once set.
+    bool getKeepDeleted() const;
+    void setKeepDeleted(bool on);
+    bool getKeepReplaced() const;
+    void setKeepReplaced(bool on);
+    std::int32_t getKeepDays() const;
+    void setKeepDays(std::int32_t days);
+    std::int32_t getKeepPercent() const;
+    void setKeepPercent(std::int32_t percent);
     // Dotted-quad IPv4 text, the only form the listen address takes.
     static bool isListenAddress(const std::string& text);
 
@@ -104,4 +116,9 @@ private:
     bool m_strictIdentify = false;
     bool m_readOnly = false;
     std::string m_listenAddress;
+    // Unset: the default, and no key in the file.
+    std::optional<bool> m_keepDeleted;
+    std::optional<bool> m_keepReplaced;
+    std::optional<std::int32_t> m_keepDays;
+    std::optional<std::int32_t> m_keepPercent;
 };
