@@ -7,6 +7,7 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 
+#include "journal/Journal.h"
 #include "log/SystemLog.h"
 #include "settings/Settings.h"
 #include "bridge/UIBridge.h"
@@ -37,7 +38,21 @@ void App::start()
     // it); collect it before starting the next.
     if (m_serverThread.joinable())
         m_serverThread.join();
+    purgeKeptItems();
     m_serverThread = std::thread([this] { serverThread(); });
+}
+
+void App::purgeKeptItems()
+{
+    // Now and hourly, on the journal's own thread, with the limits the
+    // settings hold at that time.
+    std::weak_ptr<Settings> settings = m_settings;
+    Journal::shared()->purgeEvery(std::chrono::hours(1), [settings] {
+        KeepLimits limits;
+        if (auto current = settings.lock())
+            limits = {current->getKeepDays(), current->getKeepPercent()};
+        return limits;
+    });
 }
 
 void App::serverThread()

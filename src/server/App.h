@@ -61,6 +61,7 @@ public:
 
 private:
     void serverThread();
+    void purgeKeptItems();
 
     std::shared_ptr<Settings> m_settings;
     std::shared_ptr<UIBridge> m_uiBridge;

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "bridge/UIBridge.h"
+#include "journal/SessionActivity.h"
 #include "session/DeleteGuard.h"
 #include "session/DiskPath.h"
 #include "session/FileSystem.h"
@@ -38,7 +39,7 @@ enum class Outcome { Skipped, Done, Failed };
 // the existence checks after each one decide. With `mayChange` off (the
 // read-only switch) the change itself is left out, so an item that would
 // have acted fails its check and is answered as a failed item.
-Outcome createOne(const OptionalPath& path, bool mayChange)
+Outcome createOne(const OptionalPath& path, bool mayChange, SessionActivity& activity)
 {
     if (FileSystem::stateOf(path).exists)
         return Outcome::Skipped;
@@ -46,21 +47,23 @@ Outcome createOne(const OptionalPath& path, bool mayChange)
         std::error_code ignored;
         std::filesystem::create_directories(*path, ignored);
     }
-    return FileSystem::stateOf(path).exists ? Outcome::Done : Outcome::Failed;
+    if (!FileSystem::stateOf(path).exists)
+        return Outcome::Failed;
+    activity.createdFolder(*path);
+    return Outcome::Done;
 }
 
-Outcome deleteFileOne(const OptionalPath& path, bool mayChange)
+Outcome deleteFileOne(const OptionalPath& path, bool mayChange, SessionActivity& activity)
 {
     auto state = FileSystem::stateOf(path);
     if (!state.exists || state.isFolder)
         return Outcome::Skipped;
-    std::error_code ignored;
     if (mayChange)
-        std::filesystem::remove(*path, ignored);
+        activity.remove(*path, false);
     return FileSystem::stateOf(path).exists ? Outcome::Failed : Outcome::Done;
 }
 
-Outcome deleteFolderOne(const OptionalPath& path, bool mayChange)
+Outcome deleteFolderOne(const OptionalPath& path, bool mayChange, SessionActivity& activity)
 {
     auto state = FileSystem::stateOf(path);
     if (!state.exists || !state.isFolder)
@@ -70,13 +73,12 @@ Outcome deleteFolderOne(const OptionalPath& path, bool mayChange)
     std::string item = *path;
     while (item.size() > 1 && item.back() == '/')
         item.pop_back();
-    std::error_code ignored;
     if (mayChange)
-        std::filesystem::remove_all(item, ignored);
+        activity.remove(item, true);
     return FileSystem::stateOf(path).exists ? Outcome::Failed : Outcome::Done;
 }
 
-Outcome renameOne(const OptionalPath& from, const OptionalPath& to, bool mayChange)
+Outcome renameOne(const OptionalPath& from, const OptionalPath& to, bool mayChange, SessionActivity& activity)
 {
     auto state = FileSystem::stateOf(from);
     if (!state.exists || state.isFolder)
@@ -84,6 +86,8 @@ Outcome renameOne(const OptionalPath& from, const OptionalPath& to, bool mayChan
     if (mayChange && to)
         FileSystem::moveWithoutReplacing(*from, *to);
     bool moved = !FileSystem::stateOf(from).exists && FileSystem::stateOf(to).exists;
+    if (moved)
+        activity.renamed(*from, *to);
     return moved ? Outcome::Done : Outcome::Failed;
 }
 
@@ -124,7 +128,7 @@ void FileSystemOps::createDirectories()
     guarded(m_ctx.io, Command::CreateDirectories, context, [&] {
         runBatch(m_ctx.io, m_ctx.bridge, Command::CreateDirectories, context, "Creating directories", [&] {
             auto path = m_ctx.io.readString(context);
-            return report(createOne(onDisk(path), mayChange()), m_ctx.bridge,
+            return report(createOne(onDisk(path), mayChange(), m_ctx.activity), m_ctx.bridge,
                 fmt::format("Created directory: {}", shown(path)),
                 fmt::format("Could not create directory: {}", shown(path)));
         });
@@ -137,7 +141,7 @@ void FileSystemOps::deleteFiles()
     guarded(m_ctx.io, Command::DeleteFiles, context, [&] {
         runBatch(m_ctx.io, m_ctx.bridge, Command::DeleteFiles, context, "Deleting files", [&] {
             auto path = m_ctx.io.readString(context);
-            return report(deleteFileOne(onDisk(path), mayChange()), m_ctx.bridge,
+            return report(deleteFileOne(onDisk(path), mayChange(), m_ctx.activity), m_ctx.bridge,
                 fmt::format("Deleted file: {}", shown(path)), fmt::format("Could not delete file: {}", shown(path)));
         });
     });
@@ -152,7 +156,7 @@ void FileSystemOps::deleteFolders()
             auto disk = onDisk(path);
             if (refused(disk, shown(path)))
                 return Outcome::Failed;
-            return report(deleteFolderOne(disk, mayChange()), m_ctx.bridge,
+            return report(deleteFolderOne(disk, mayChange(), m_ctx.activity), m_ctx.bridge,
                 fmt::format("Deleted directory: {}", shown(path)),
                 fmt::format("Could not delete directory: {}", shown(path)));
         });
@@ -166,7 +170,7 @@ void FileSystemOps::renameFiles()
         runBatch(m_ctx.io, m_ctx.bridge, Command::RenameFiles, context, "Renaming files", [&] {
             auto from = m_ctx.io.readString(context);
             auto to = m_ctx.io.readString(context);
-            return report(renameOne(onDisk(from), onDisk(to), mayChange()), m_ctx.bridge,
+            return report(renameOne(onDisk(from), onDisk(to), mayChange(), m_ctx.activity), m_ctx.bridge,
                 fmt::format("Renamed file '{}' to '{}'", shown(from), shown(to)),
                 fmt::format("Could not rename file '{}' to '{}'", shown(from), shown(to)));
         });

@@ -21,6 +21,7 @@
 
 #include "bridge/UIBridge.h"
 #include "cache/DigestCache.h"
+#include "journal/SessionActivity.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
 #include "session/DiskPath.h"
@@ -159,7 +160,11 @@ private:
 class Download {
 public:
     explicit Download(const SessionContext& ctx)
-        : m_io(ctx.io), m_bridge(ctx.bridge), m_settings(ctx.settings), m_keepGoing(ctx.answerable)
+        : m_io(ctx.io)
+        , m_bridge(ctx.bridge)
+        , m_settings(ctx.settings)
+        , m_keepGoing(ctx.answerable)
+        , m_activity(ctx.activity)
     {
     }
 
@@ -220,6 +225,7 @@ private:
                 BitHelper::encodeString(DigestCache::shared()->digestOf(*disk, std::nullopt, &m_keepGoing)),
                 kDownloading);
         m_bridge.logInfo(fmt::format("Sent: {}", *disk));
+        m_activity.downloaded(*disk, static_cast<std::int64_t>(record.size));
     }
 
     // A path that names nothing is described like one where nothing exists,
@@ -257,6 +263,7 @@ private:
     const Settings& m_settings;
     // Turns false when the session is told to end.
     const std::atomic<bool>& m_keepGoing;
+    SessionActivity& m_activity;
     std::vector<std::uint8_t> m_buffer;
 };
 
@@ -270,6 +277,7 @@ public:
         , m_bridge(ctx.bridge)
         , m_settings(ctx.settings)
         , m_keepGoing(ctx.answerable)
+        , m_activity(ctx.activity)
     {
     }
 
@@ -380,7 +388,9 @@ private:
         if (partial) {
             partial->flush();
             partial->setModified(file.modified);
-            if (partial->moveIntoPlace(*file.disk, file.modified) && md5)
+            bool placed = m_activity.replace(
+                *file.disk, file.size, [&] { return partial->moveIntoPlace(*file.disk, file.modified); });
+            if (placed && md5)
                 *written = md5->hex();
         }
         return received;
@@ -440,6 +450,7 @@ private:
     const Settings& m_settings;
     // Turns false when the session is told to end.
     const std::atomic<bool>& m_keepGoing;
+    SessionActivity& m_activity;
     std::vector<std::uint8_t> m_buffer;
 };
 

@@ -9,6 +9,7 @@
 #include "wire/StreamIO.h"
 
 class InputStream;
+class SessionActivity;
 class Settings;
 class UIBridge;
 
@@ -16,7 +17,7 @@ class UIBridge;
 // connection's input (an upload waits on it), the shared settings and
 // bridge, the flag that turns false once nobody will read an answer
 // (stop, the lifetime timer), which cuts long digests short, and the phone's
-// address. All of it
+// address, and its door to the activity journal and the trash. All of it
 // belongs to the session and outlives its handlers; used on the session
 // thread only.
 struct SessionContext {
@@ -26,6 +27,7 @@ struct SessionContext {
     const UIBridge& bridge;
     const std::atomic<bool>& answerable;
     const Peer& peer;
+    SessionActivity& activity;
 };
 
 // Runs one handler's body inside the failure pattern every handler shares:

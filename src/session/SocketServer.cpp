@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "bridge/UIBridge.h"
+#include "journal/Journal.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
@@ -69,6 +70,7 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
     , m_settings(std::move(settings))
     , m_listener(std::move(listener))
     , m_peer(std::move(peer))
+    , m_activity(Journal::shared(), *m_settings, m_peer.address)
     , m_io(*m_istream, *m_ostream, *this)
     , m_loop(std::move(io))
     , m_folders(handlerContext())
@@ -85,7 +87,7 @@ SocketServer::~SocketServer() = default;
 
 SessionContext SocketServer::handlerContext()
 {
-    return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable, m_peer};
+    return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable, m_peer, m_activity};
 }
 
 void SocketServer::shutdown()
@@ -121,6 +123,7 @@ void SocketServer::threadProc(const std::stop_token& stop)
     // shutdown() that came before the thread got going.
     m_connected = true;
     m_authenticated = false;
+    m_activity.started();
     try {
         commandLoop();
     } catch (const SyncException& failure) {
@@ -131,6 +134,7 @@ void SocketServer::threadProc(const std::stop_token& stop)
     }
     releaseLargeBuffers();
     closeStreams();
+    m_activity.ended();
 }
 
 void SocketServer::releaseLargeBuffers()

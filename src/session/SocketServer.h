@@ -13,6 +13,7 @@
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "journal/SessionActivity.h"
 #include "session/FileSystemOps.h"
 #include "session/FileTransfer.h"
 #include "session/FolderQueries.h"
@@ -101,6 +102,7 @@ private:
     std::weak_ptr<SessionRegistry> m_listener;
     // Before the handlers, which keep a reference to it.
     const Peer m_peer;
+    SessionActivity m_activity;
     StreamIO m_io;
     // Declared before the timer so that the loop outlives it.
     std::shared_ptr<asio::io_context> m_loop;

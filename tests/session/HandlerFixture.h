@@ -17,6 +17,8 @@
 #include "SessionTestHelpers.h"
 #include "TestSupport.h"
 #include "bridge/UIBridge.h"
+#include "journal/Journal.h"
+#include "journal/SessionActivity.h"
 #include "session/FileSystemOps.h"
 #include "session/FileTransfer.h"
 #include "session/FolderQueries.h"
@@ -108,7 +110,8 @@ private:
     StreamPair m_streams = openPair(phone);
     StreamIO m_io{*m_streams.input, *m_streams.output, *this};
     Peer m_peer{"127.0.0.1", 50000};
-    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, m_answerable, m_peer};
+    SessionActivity m_activity{Journal::shared(), m_settings, m_peer.address};
+    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, m_answerable, m_peer, m_activity};
     std::thread m_thread;
     std::exception_ptr m_failure;
 

@@ -16,6 +16,8 @@
 #include "RecordingNotifier.h"
 #include "client/LocalFile.h"
 #include "client/RecordDecoder.h"
+#include "journal/ActivityStore.h"
+#include "journal/Journal.h"
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
 #include "wire/Digest.h"
@@ -398,3 +400,74 @@ TEST_F(TransferTest, UploadWhosePartialCannotBeOpenedOrChangedFailsBeforeTakingA
 }
 
 } // namespace
+
+// ---- kept items ----
+
+// What a phone sees of 26–31 is the same, byte for byte and line for line,
+// with removed and replaced items kept or not. Kept, they wait in the trash
+// and come back from the journal; not kept, the journal says why.
+TEST_F(TransferTest, KeepingChangesNothingAPhoneSeesAndEverythingKeptComesBack)
+{
+    auto w = [&](const std::string& relative) { return at("work/" + relative).string(); };
+    auto run = [&](bool keep) {
+        settings->setKeepDeleted(keep);
+        settings->setKeepReplaced(keep);
+        fs::remove_all(at("work"));
+        home.write("work/a.txt", "A");
+        home.write("work/dir/sub/y", "YY");
+        home.write("work/up.txt", "old");
+        log.sink().clear();
+        auto s = newSession();
+        auto batch = [&](void (FileSystemOps::*handler)(), std::uint8_t code, const Bytes& fields) {
+            s->start([&s, handler] { (s->fileOps.*handler)(); }, fields);
+            expectDataPacket(s->phone, code, flag(true));
+        };
+        batch(&FileSystemOps::createDirectories, Command::CreateDirectories, join({number(1), text(w("new/deep"))}));
+        batch(&FileSystemOps::renameFiles, Command::RenameFiles, join({number(1), text(w("a.txt")), text(w("b.txt"))}));
+        batch(&FileSystemOps::deleteFiles, Command::DeleteFiles, join({number(2), text(w("b.txt")), text(w("none"))}));
+        batch(&FileSystemOps::deleteFolders, Command::DeleteFolders, join({number(1), text(w("dir/"))}));
+        upload(*s, uploadFields(true, 1, {{w("up.txt"), 3, 1}}));
+        expectOffsets(s->phone, {0});
+        s->phone.sendRaw(bytesOf("new"));
+        expectNext(s->phone, join({number(3), text(md5("new"))}));
+        download(*s, downloadFields(1, {{w("up.txt"), 0}}, false));
+        EXPECT_EQ(readRecord(s->phone).size, 3u);
+        EXPECT_EQ(textOf(s->phone.readExact(3)), "new");
+        EXPECT_EQ(s->phone.readExact(79), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()));
+        s->expectAnswered();
+        EXPECT_FALSE(fs::exists(w("b.txt")) || fs::exists(w("dir")));
+        Journal::shared()->flush();
+        return log.lines();
+    };
+    auto summary = [](const std::vector<Change>& changes) {
+        std::vector<std::string> lines;
+        for (const auto& c : changes)
+            lines.push_back(Change::kindText(c.kind) + " " + Change::stateText(c.state) + " " + c.note);
+        return lines;
+    };
+
+    auto keptLines = run(true);
+    auto store = ActivityStore::open();
+    ASSERT_TRUE(store);
+    auto kept = store->list({});
+    EXPECT_EQ(summary(kept), (std::vector<std::string>{"created folder  ", "renamed  ", "deleted file kept ",
+                                 "deleted folder kept ", "replaced kept ", "downloaded  "}));
+    EXPECT_EQ(store->keptBytes(), 1 + 2 + 3);
+    for (const auto& c : kept)
+        if (c.state == Change::State::Kept)
+            EXPECT_TRUE(store->restore(c.id).restoredTo) << c.path;
+    EXPECT_EQ(readFile(w("b.txt")), "A");
+    EXPECT_EQ(readFile(w("dir/sub/y")), "YY");
+    EXPECT_EQ(readFile(w("up.txt")), "new");
+    EXPECT_EQ(readFile(w("up.txt (restored)")), "old");
+    EXPECT_TRUE(fs::is_empty(at(".local/share/Trash/files")));
+    EXPECT_TRUE(fs::is_empty(at(".local/share/Trash/info")));
+
+    EXPECT_EQ(run(false), keptLines);
+    auto plain = store->list({});
+    plain.erase(plain.begin(), plain.begin() + static_cast<std::ptrdiff_t>(kept.size()));
+    EXPECT_EQ(summary(plain), (std::vector<std::string>{"created folder  ", "renamed  ",
+                                  "deleted file  keeping is off", "deleted folder  keeping is off",
+                                  "replaced  keeping is off", "downloaded  "}));
+    EXPECT_TRUE(fs::is_empty(at(".local/share/Trash/files")));
+}
