@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "daemon/ActivityCommands.h"
 #include "settings/Settings.h"
 #include "server/App.h"
 
@@ -37,6 +38,12 @@ Options:
                    identify needs the right password, like every command
   --help           show this help and exit
   --version        show the version and exit
+
+Subcommands:
+  activity [--since WHEN] [--until WHEN] [--device ADDRESS] [--json]
+                   list what phones did (see 'zandrel-syncd activity --help')
+  restore ID... | restore --since WHEN [--until WHEN] [--device ADDRESS] [--dry-run]
+                   bring back what phones removed or replaced
 )";
 
 // Keeps the lines written while the settings load, so that a broken
@@ -181,6 +188,8 @@ int parse(int argc, char** argv, Options& options)
 
 int main(int argc, char** argv)
 {
+    if (auto rc = ActivityCommands::dispatch(argc, argv))
+        return *rc;
     Options options;
     if (int rc = parse(argc, argv, options); rc >= 0)
         return rc;

@@ -21,8 +21,9 @@ FLOORS = [
     ["settings", "records"],
     ["wire", "log"],
 ]
-# Front ends that see the server only through App and Settings.
-NARROW = {"daemon/": {"server", "settings"}, "shell/main.cpp": {"server", "settings", "shell"}}
+# Front ends that see the server only through App and Settings (and the
+# daemon the journal, for its activity and restore subcommands).
+NARROW = {"daemon/": {"server", "settings", "journal"}, "shell/main.cpp": {"server", "settings", "shell"}}
 FLOOR = {room: len(FLOORS) - level for level, rooms in enumerate(FLOORS) for room in rooms}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([a-z]+)/', re.MULTILINE)
 LINK = re.compile(r"target_link_libraries\s*\(\s*(\w+)([^)]*)\)", re.DOTALL)
