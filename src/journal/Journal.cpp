@@ -62,8 +62,9 @@ void Journal::record(Change change)
 void Journal::flush()
 {
     std::unique_lock guard(m_mutex);
+    m_hurry = true;
     m_wake.notify_all();
-    m_written.wait(guard, [&] { return m_pending.empty() && m_inFlight == 0; });
+    m_written.wait(guard, [&] { return m_pending.empty() && m_inFlight == 0 && !m_purging; });
 }
 
 void Journal::purgeEvery(std::chrono::milliseconds period, std::function<KeepLimits()> limits)
@@ -88,7 +89,8 @@ void Journal::writerLoop()
         else
             m_wake.wait(guard, ready);
         if (!m_stopping && !m_pending.empty() && m_pending.size() < kBatch)
-            m_wake.wait_for(guard, kWriteDelay, [&] { return m_stopping || m_pending.size() >= kBatch; });
+            m_wake.wait_for(guard, kWriteDelay, [&] { return m_stopping || m_hurry || m_pending.size() >= kBatch; });
+        m_hurry = false;
         if (!m_pending.empty()) {
             std::vector<Change> batch;
             batch.swap(m_pending);
@@ -112,10 +114,13 @@ void Journal::purgeIfDue(std::unique_lock<std::mutex>& guard)
         return;
     m_nextPurge = std::chrono::steady_clock::now() + m_period;
     auto limits = m_limits;
+    m_purging = true;
     guard.unlock();
     if (ensureOpen())
         m_store->purge(limits(), nowMs());
     guard.lock();
+    m_purging = false;
+    m_written.notify_all();
 }
 
 bool Journal::ensureOpen()

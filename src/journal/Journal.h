@@ -32,7 +32,8 @@ public:
 
     // Never waits for the disk: the entry joins the queue.
     void record(Change change);
-    // Waits until every recorded entry is in the file (or dropped).
+    // Waits until every recorded entry is in the file (or dropped) and no
+    // purge is under way.
     void flush();
     // Purges now and then every `period`, with the limits asked for each
     // time (the settings may change meanwhile).
@@ -54,6 +55,9 @@ private:
     std::vector<Change> m_pending;
     std::size_t m_inFlight = 0;
     bool m_stopping = false;
+    // A flush is waiting: no batching delay; a purge is under way.
+    bool m_hurry = false;
+    bool m_purging = false;
     std::function<KeepLimits()> m_limits;
     std::chrono::milliseconds m_period{0};
     std::chrono::steady_clock::time_point m_nextPurge{};

@@ -47,7 +47,12 @@ void App::purgeKeptItems()
     // Now and hourly, on the journal's own thread, with the limits the
     // settings hold at that time.
     std::weak_ptr<Settings> settings = m_settings;
-    Journal::shared()->purgeEvery(std::chrono::hours(1), [settings] {
+    auto journal = Journal::shared();
+    {
+        std::lock_guard lock(m_mutex);
+        m_journal = journal;
+    }
+    journal->purgeEvery(std::chrono::hours(1), [settings] {
         KeepLimits limits;
         if (auto current = settings.lock())
             limits = {current->getKeepDays(), current->getKeepPercent()};
@@ -130,6 +135,15 @@ void App::stop()
     }
     listener.reset();
     broadcaster.reset();
+    // The sessions' last entries are in the file when stop returns, and no
+    // purge is left running behind the front end's back.
+    std::shared_ptr<Journal> journal;
+    {
+        std::lock_guard lock(m_mutex);
+        journal = m_journal;
+    }
+    if (journal)
+        journal->flush();
     m_uiBridge->logInfo("Stopped Echo server");
     {
         std::lock_guard lock(m_mutex);

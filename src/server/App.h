@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+class Journal;
 class Broadcaster;
 class ProgressView;
 class Settings;
@@ -78,4 +79,6 @@ private:
     std::shared_ptr<Broadcaster> m_broadcaster;
     std::optional<std::uint16_t> m_listeningPort;
     std::thread m_serverThread;
+    // The journal this run writes to (purged at start and hourly); under m_mutex.
+    std::shared_ptr<Journal> m_journal;
 };
