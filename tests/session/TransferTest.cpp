@@ -453,9 +453,11 @@ TEST_F(TransferTest, KeepingChangesNothingAPhoneSeesAndEverythingKeptComesBack)
     EXPECT_EQ(summary(kept), (std::vector<std::string>{"created folder  ", "renamed  ", "deleted file kept ",
                                  "deleted folder kept ", "replaced kept ", "downloaded  "}));
     EXPECT_EQ(store->keptBytes(), 1 + 2 + 3);
-    for (const auto& c : kept)
-        if (c.state == Change::State::Kept)
+    for (const auto& c : kept) {
+        if (c.state == Change::State::Kept) {
             EXPECT_TRUE(store->restore(c.id).restoredTo) << c.path;
+        }
+    }
     EXPECT_EQ(readFile(w("b.txt")), "A");
     EXPECT_EQ(readFile(w("dir/sub/y")), "YY");
     EXPECT_EQ(readFile(w("up.txt")), "new");
