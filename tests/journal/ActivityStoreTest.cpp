@@ -142,6 +142,28 @@ TEST(SessionActivity, KeepingThatFailsDeletesAndTheJournalSaysWhy)
                          "deleted file: it is inside a trash folder", "replaced: " + blocked}));
 }
 
+// An upload whose move into place fails gets the old file back where it
+// was; nothing is recorded, since nothing changed.
+TEST(SessionActivity, AReplacementThatFailsPutsTheKeptItemBack)
+{
+    TempHome home;
+    Settings settings(Settings::NoLoginItems{});
+    auto journal = std::make_shared<Journal>(ActivityDatabase::defaultFile());
+    SessionActivity activity(journal, settings, "10.0.0.9");
+    fs::path file = home.write("up.txt", "old");
+    bool sawItGone = false;
+    EXPECT_FALSE(activity.replace(file.string(), 3, [&] {
+        sawItGone = !fs::exists(file);
+        return false;
+    }));
+    EXPECT_TRUE(sawItGone) << "kept before the move";
+    std::ifstream in(file);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), "old");
+    EXPECT_TRUE(fs::is_empty(home.path() / ".local/share/Trash/info"));
+    journal->flush();
+    EXPECT_TRUE(ActivityStore::open()->list({}).empty());
+}
+
 // Sessions on many threads record at once; every entry arrives, each
 // session's under its own number.
 TEST(Journal, ManySessionsAtOnceLoseNothing)

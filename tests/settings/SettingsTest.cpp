@@ -161,7 +161,7 @@ TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
     EXPECT_EQ(Settings(Settings::NoLoginItems{}).getPort(), -1) << "read back as written";
 }
 
-TEST_F(SettingsTest, HardeningKeysAreReadAndWrittenOnlyWhileSet)
+TEST_F(SettingsTest, HardeningAndKeepKeysAreReadAndWrittenOnlyWhileSet)
 {
     writePrefs(xmlPlist("<key>confineToBasePath</key><true/>\n<key>strictIdentify</key><true/>\n"
                         "<key>readOnly</key><true/>\n<key>listenAddress</key><string>127.0.0.2</string>\n"));
@@ -182,6 +182,23 @@ TEST_F(SettingsTest, HardeningKeysAreReadAndWrittenOnlyWhileSet)
     s.setListenAddress("");
     s.writePreferences();
     EXPECT_EQ(written(prefsPath()).size(), kDefaults.size());
+
+    // The keep keys: defaults unwritten; once set (even to the default), written.
+    EXPECT_TRUE(s.getKeepDeleted() && s.getKeepReplaced());
+    EXPECT_EQ(s.getKeepDays(), 30);
+    EXPECT_EQ(s.getKeepPercent(), 10);
+    s.setKeepDeleted(true);
+    s.setKeepReplaced(false);
+    s.setKeepDays(7);
+    s.setKeepPercent(25);
+    s.writePreferences();
+    auto entries = written(prefsPath());
+    EXPECT_EQ(entries.size(), kDefaults.size() + 4);
+    Settings reread{Settings::NoLoginItems{}};
+    EXPECT_TRUE(reread.getKeepDeleted());
+    EXPECT_FALSE(reread.getKeepReplaced());
+    EXPECT_EQ(reread.getKeepDays(), 7);
+    EXPECT_EQ(reread.getKeepPercent(), 25);
 
     EXPECT_TRUE(Settings::isListenAddress("10.0.0.7"));
     for (const std::string& bad :
