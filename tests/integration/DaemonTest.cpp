@@ -2,6 +2,7 @@
 // file, the start line names the addresses, the port and the file, log lines
 // go to standard error with --log-stderr, and SIGTERM ends it cleanly.
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "integration/DaemonProcess.h"
+#include "client/ProtocolClient.h"
 #include "wire/StreamIO.h"
 
 namespace fs = std::filesystem;
@@ -116,4 +118,54 @@ TEST_F(DaemonTest, FreshBrokenOrUnwritableSettingsFilesLeaveTheDefaultsServing)
         << err;
     EXPECT_NE(err.find("Make " + home.path().string() + " writable"), std::string::npos) << err;
     EXPECT_EQ(d.terminate(), 0);
+}
+
+// A phone deletes a folder and overwrites a file; from a terminal, with the
+// server still running, `activity` lists both and `restore` brings both back
+// byte for byte, the overwritten file's old content beside the new one.
+TEST_F(DaemonTest, WhatAPhoneRemovedIsListedAndRestoredFromATerminal)
+{
+    writeSettings();
+    const auto album = home.write("Music/album/1.mp3", "one").parent_path().string();
+    home.write("Music/album/2.mp3", "two");
+    const auto notes = home.write("Music/notes.txt", "old").string();
+    DaemonProcess d({"--no-discovery", "--listen", "127.0.0.1"});
+    ASSERT_NE(d.port(), 0);
+    ProtocolClient phone;
+    phone.connect("127.0.0.1", d.port());
+    phone.setPassword("Sesamely");
+    EXPECT_TRUE(phone.deleteFolders({album}));
+    ProtocolClient::UploadHandler handler;
+    handler.read = [](std::size_t, std::int64_t, std::uint8_t* buffer, std::size_t length) {
+        std::copy_n("new", length, buffer);
+        return length;
+    };
+    phone.uploadFiles({{notes, 3, 1, ""}}, false, handler);
+    EXPECT_FALSE(fs::exists(album));
+
+    auto run = [](std::vector<std::string> args, int expectedExit) {
+        DaemonProcess command(std::move(args));
+        // Everything it prints: it holds no NUL, so this reads to the end.
+        auto out = command.out(std::string(1, '\0'), 5s);
+        EXPECT_EQ(command.exitCode(), expectedExit) << out;
+        return out;
+    };
+    std::string listed;
+    for (int tries = 0; tries < 50 && listed.find("replaced") == std::string::npos; ++tries) {
+        std::this_thread::sleep_for(100ms);
+        listed = run({"activity"}, 0);
+    }
+    EXPECT_NE(listed.find("127.0.0.1  deleted folder  " + album + "  6 B  (kept)\n"), std::string::npos) << listed;
+    EXPECT_NE(listed.find("127.0.0.1  replaced  " + notes + "  3 B  (kept)\n"), std::string::npos) << listed;
+
+    auto restored = run({"restore", "--since", "-5m"}, 0);
+    EXPECT_NE(restored.find(" " + notes + " as " + notes + " (restored)\n"), std::string::npos) << restored;
+    EXPECT_NE(restored.find(" " + album + "\n"), std::string::npos) << restored;
+    EXPECT_EQ(readFile(album + "/1.mp3") + readFile(album + "/2.mp3"), "onetwo");
+    EXPECT_EQ(readFile(notes) + readFile(notes + " (restored)"), "newold");
+
+    EXPECT_EQ(run({"restore", "--since", "-5m"}, 0),
+        "Nothing to restore: no item kept in that time is still in the trash.\n");
+    EXPECT_EQ(run({"restore", "999"}, 1), "Could not restore #999: no such entry\n");
+    EXPECT_EQ(run({"activity", "--since", "soon"}, 2), "");
 }
