@@ -1,12 +1,15 @@
 #include "journal/ActivityStore.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <set>
 
 #include <sqlite3.h>
 
 #include "journal/Trash.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -219,6 +222,10 @@ int ActivityStore::emptyKept()
 int ActivityStore::purge(const KeepLimits& limits, std::int64_t nowMs)
 {
     int purged = 0;
+    // Items the person removed from the trash meanwhile are gone already.
+    for (const auto& change : query(" WHERE state = 'kept'", {}))
+        if (!fs::exists(fs::symlink_status(change.keptAs)))
+            purged += purgeOne(change) ? 1 : 0;
     std::int64_t days = std::clamp(limits.days, 0, kRetentionDays);
     for (const auto& change : query(" WHERE state = 'kept' AND at < ?1 ORDER BY at", {nowMs - days * kDayMs}))
         purged += purgeOne(change) ? 1 : 0;
@@ -233,8 +240,10 @@ int ActivityStore::purge(const KeepLimits& limits, std::int64_t nowMs)
     }
     for (const auto& change : kept) {
         std::string dir = Trash::trashDirOf(change.keptAs);
-        std::int64_t allowed = Trash::volumeSize(dir) / 100 * std::clamp(limits.percent, 0, 100);
-        if (used[dir] <= allowed)
+        std::int64_t volume = Trash::volumeSize(dir);
+        std::int64_t allowed = volume / 100 * std::clamp(limits.percent, 0, 100);
+        // A volume whose size cannot be read (not mounted now) keeps its items.
+        if (volume == 0 || used[dir] <= allowed)
             continue;
         if (purgeOne(change)) {
             used[dir] -= std::max<std::int64_t>(change.keptSize, 0);

@@ -147,6 +147,9 @@ void Journal::writeBatch(std::vector<Change>& batch)
         if (change.kind == Change::Kind::DeletedFolder && change.size < 0)
             change.size = change.keptSize;
     std::string error;
-    if (!m_store->insert(batch, &error))
+    // Said once: a full disk would otherwise fill the log as well.
+    if (!m_store->insert(batch, &error) && !m_lossReported) {
+        m_lossReported = true;
         SystemLog::write("Activity journal " + m_file + ": entries lost (" + error + ").");
+    }
 }

@@ -64,5 +64,6 @@ private:
     // Used by the writer thread alone.
     std::unique_ptr<ActivityStore> m_store;
     bool m_openTried = false;
+    bool m_lossReported = false;
     std::thread m_writer;
 };

@@ -67,10 +67,10 @@ void SessionActivity::started() { m_journal->record(entry(Change::Kind::Connecte
 
 void SessionActivity::ended() { m_journal->record(entry(Change::Kind::Disconnected, "")); }
 
-void SessionActivity::downloaded(const std::string& path, std::int64_t size)
+void SessionActivity::downloaded(const std::string& path, std::int64_t bytes)
 {
     auto change = entry(Change::Kind::Downloaded, path);
-    change.size = size;
+    change.size = bytes;
     m_journal->record(std::move(change));
 }
 

@@ -22,7 +22,8 @@ public:
 
     void started();
     void ended();
-    void downloaded(const std::string& path, std::int64_t size);
+    // `bytes`: what was sent of the file.
+    void downloaded(const std::string& path, std::int64_t bytes);
     void createdFolder(const std::string& path);
     void renamed(const std::string& from, const std::string& to);
     // In place of unlinking (a file) or removing with its contents (a

@@ -225,7 +225,10 @@ private:
                 BitHelper::encodeString(DigestCache::shared()->digestOf(*disk, std::nullopt, &m_keepGoing)),
                 kDownloading);
         m_bridge.logInfo(fmt::format("Sent: {}", *disk));
-        m_activity.downloaded(*disk, static_cast<std::int64_t>(record.size));
+        // What left the computer; a digest asked for without data is no download.
+        auto size = static_cast<std::int64_t>(record.size);
+        if (size == 0 || file.offset < size)
+            m_activity.downloaded(*disk, size - std::max<std::int64_t>(file.offset, 0));
     }
 
     // A path that names nothing is described like one where nothing exists,

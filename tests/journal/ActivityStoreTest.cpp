@@ -80,6 +80,13 @@ TEST(ActivityStore, PurgesByAgeOnlyWhatItKept)
     EXPECT_EQ(store->emptyKept(), 1);
     EXPECT_EQ(store->keptBytes(), 0);
     EXPECT_TRUE(fs::exists(mine.item) && fs::exists(mine.info));
+
+    // An item the person removed from the trash no longer counts as kept.
+    std::vector<Change> more{keptEntry(home.write("d", "dd"), 1)};
+    ASSERT_TRUE(store->insert(more));
+    fs::remove(more[0].keptAs);
+    EXPECT_EQ(store->purge({30, 100}, nowMs()), 1);
+    EXPECT_EQ(store->keptBytes(), 0);
 }
 
 // On a 1 MiB volume, 10 % is about 100 KiB: of three kept items of 60 KiB,
