@@ -60,6 +60,12 @@ SettingsDialog::SettingsDialog(QWidget* parent)
     setWindowIcon(TrayIcon::icon());
     m_ui->logView->clear();
     // Below everything the form already has, just above the buttons.
+    m_safety = new SafetySettings(this);
+    m_ui->mainLayout->insertWidget(m_ui->mainLayout->count() - 1, m_safety);
+    connect(m_safety, &SafetySettings::activityRequested, this, [this] {
+        if (trayMenu)
+            trayMenu->openActivity();
+    });
     m_advanced = new AdvancedSettings(this);
     m_ui->mainLayout->insertWidget(m_ui->mainLayout->count() - 1, m_advanced);
     connect(m_advanced, &AdvancedSettings::textEdited, this, [this] { controlTextDidChange(nullptr); });
@@ -123,6 +129,7 @@ void SettingsDialog::_updateForm()
     m_ui->startOnLoginCheckbox->setChecked(m_settings->getStartOnLogin());
     m_ui->enableLoggingCheckbox->setChecked(m_settings->getTrace());
     m_advanced->load(*m_settings);
+    m_safety->load(*m_settings);
     enforceLoginChoice(m_ui->startOnLoginCheckbox->isChecked());
     updateSaveButton();
     updateStatusLine();
@@ -255,6 +262,7 @@ SettingsDialog::Form SettingsDialog::readForm() const
     form.trace = m_ui->enableLoggingCheckbox->isChecked();
     form.startOnLogin = m_ui->startOnLoginCheckbox->isChecked();
     form.advanced = m_advanced->values();
+    form.safety = m_safety->values();
     return form;
 }
 
@@ -285,6 +293,7 @@ void SettingsDialog::_updateSettings(Settings& settings, const Form& form)
     settings.setStartOnLogin(form.startOnLogin);
     enforceLoginChoice(form.startOnLogin);
     AdvancedSettings::apply(settings, form.advanced);
+    SafetySettings::apply(settings, form.safety);
     settings.writePreferences();
 }
 

@@ -8,6 +8,7 @@
 
 #include "shell/AdvancedSettings.h"
 #include "shell/GuiRelay.h"
+#include "shell/SafetySettings.h"
 
 class App;
 class ProgressView;
@@ -72,6 +73,7 @@ private:
         bool trace = false;
         bool startOnLogin = false;
         AdvancedSettings::Values advanced;
+        SafetySettings::Values safety;
     };
 
     void controlTextDidChange(QLineEdit* field);
@@ -96,4 +98,5 @@ private:
     TrayMenu* trayMenu = nullptr;
     class QTimer* m_statusTimer = nullptr;
     AdvancedSettings* m_advanced = nullptr;
+    SafetySettings* m_safety = nullptr;
 };

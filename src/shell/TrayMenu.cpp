@@ -14,6 +14,7 @@
 #include "bridge/UIBridge.h"
 #include "settings/Settings.h"
 #include "shell/AboutDialog.h"
+#include "shell/ActivityWindow.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/DesktopNotifier.h"
 #include "shell/SettingsDialog.h"
@@ -104,6 +105,7 @@ void TrayMenu::_genMainMenu()
 {
     _menu->setToolTipsVisible(true);
     _menu->addAction(tr("Open Settings"), this, &TrayMenu::openSettings);
+    _menu->addAction(tr("Activity"), this, &TrayMenu::openActivity);
     _menu->addAction(tr("Check For Update"), this, &TrayMenu::openCheckForUpdate);
     _menu->addAction(tr("About"), this, &TrayMenu::runAbout);
     _menu->addSeparator();
@@ -124,6 +126,13 @@ void TrayMenu::openSettings()
     bringToFront(m_settingsWindow.get());
     _app->addSettingsDialog(m_settingsWindow->progressView());
     m_settingsWindow->addApp(_app, this);
+}
+
+void TrayMenu::openActivity()
+{
+    if (!m_activityWindow)
+        m_activityWindow = std::make_unique<ActivityWindow>();
+    bringToFront(m_activityWindow.get());
 }
 
 void TrayMenu::actionQuit()

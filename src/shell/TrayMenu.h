@@ -6,6 +6,7 @@
 #include <QPointer>
 
 class AboutDialog;
+class ActivityWindow;
 class App;
 class Notifier;
 class QMenu;
@@ -16,8 +17,8 @@ class UpdateDialog;
 
 // The application delegate: at launch it loads the settings, makes the
 // server, starts a silent update check, puts up the tray icon and its menu,
-// then starts the server. The menu opens the settings, update and about
-// windows and quits. GUI thread only, except _checkForUpdate.
+// then starts the server. The menu opens the settings, activity, update and
+// about windows and quits. GUI thread only, except _checkForUpdate.
 class TrayMenu : public QObject {
     Q_OBJECT
 
@@ -33,6 +34,7 @@ public:
     SettingsDialog* settingsWindow() const { return m_settingsWindow.get(); }
     UpdateDialog* updateWindow() const;
     AboutDialog* aboutWindow() const { return m_aboutWindow.get(); }
+    ActivityWindow* activityWindow() const { return m_activityWindow.get(); }
     std::shared_ptr<App> app() const { return _app; }
 
     // The update window is closing: the next "Check For Update" builds a
@@ -52,6 +54,9 @@ public:
 
 public slots:
     void openSettings();
+    // The "Activity" entry (ours, after "Open Settings") and the settings
+    // window's button: one window, shown again when open.
+    void openActivity();
     void openCheckForUpdate();
     void runAbout();
     void actionQuit();
@@ -73,4 +78,5 @@ private:
     // Owned by Qt: deleted after it closes.
     QPointer<UpdateDialog> m_updateWindow;
     std::unique_ptr<AboutDialog> m_aboutWindow;
+    std::unique_ptr<ActivityWindow> m_activityWindow;
 };

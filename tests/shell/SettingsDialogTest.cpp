@@ -8,6 +8,7 @@
 #include <QLineEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QTest>
 #include <QTextEdit>
 #include <QToolButton>
@@ -149,7 +150,7 @@ TEST_F(SettingsDialogTest, EmptyPasswordKeepsTheHashAndUntickingStartAtLoginRemo
     EXPECT_FALSE(stored.getStartOnLogin());
 }
 
-TEST_F(SettingsDialogTest, AdvancedSwitchesAreSavedAndABadListenAddressKeepsSaveDisabled)
+TEST_F(SettingsDialogTest, AdvancedAndSafetySettingsAreSavedAndABadListenAddressKeepsSaveDisabled)
 {
     auto* address = control<QLineEdit>("listenAddressField");
     EXPECT_FALSE(address->isVisible()) << "collapsed while every switch is off";
@@ -161,6 +162,8 @@ TEST_F(SettingsDialogTest, AdvancedSwitchesAreSavedAndABadListenAddressKeepsSave
     type(address, "127.0.0.1");
     EXPECT_TRUE(saveButton()->isEnabled());
     control<QCheckBox>("readOnlyCheckBox")->setChecked(true);
+    control<QCheckBox>("keepDeletedCheckBox")->setChecked(false);
+    control<QSpinBox>("keepDaysField")->setValue(7);
     save();
 
     ASSERT_TRUE(m_app->waitUntilRunning(std::chrono::seconds(5)).value_or(0) != 0);
@@ -168,6 +171,12 @@ TEST_F(SettingsDialogTest, AdvancedSwitchesAreSavedAndABadListenAddressKeepsSave
     EXPECT_TRUE(stored.getReadOnly());
     EXPECT_FALSE(stored.getStrictIdentify());
     EXPECT_EQ(stored.getListenAddress(), "127.0.0.1");
+    EXPECT_FALSE(stored.getKeepDeleted());
+    EXPECT_EQ(stored.getKeepDays(), 7);
+    // What was left alone is not written, so it keeps following the defaults.
+    const std::string file = readFile(Settings::preferencesPath());
+    EXPECT_EQ(file.find("keepReplaced"), std::string::npos);
+    EXPECT_EQ(file.find("keepPercent"), std::string::npos);
     m_dialog->hide();
     m_dialog->show();
     m_dialog->_updateForm();

@@ -9,6 +9,7 @@
 #include <QPushButton>
 #include <QTcpServer>
 #include <QSystemTrayIcon>
+#include <QTest>
 #include <gtest/gtest.h>
 
 #include "ShellTestSupport.h"
@@ -16,6 +17,7 @@
 #include "server/App.h"
 #include "settings/Settings.h"
 #include "shell/AboutDialog.h"
+#include "shell/ActivityWindow.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/SettingsDialog.h"
 #include "shell/TrayMenu.h"
@@ -44,16 +46,26 @@ protected:
     std::unique_ptr<TrayMenu> m_tray;
 };
 
-TEST_F(TrayMenuTest, MenuHasFourEntriesAndASeparatorWithTheToolTipOnQuit)
+TEST_F(TrayMenuTest, MenuHasFiveEntriesWithTheToolTipOnQuitAndActivityOpensFromItAndTheSettings)
 {
     QStringList entries;
     for (QAction* action : m_tray->menu()->actions())
         entries << (action->isSeparator() ? "-" : action->text());
-    EXPECT_EQ(entries, (QStringList{"Open Settings", "Check For Update", "About", "-", "Quit"}));
+    EXPECT_EQ(entries, (QStringList{"Open Settings", "Activity", "Check For Update", "About", "-", "Quit"}));
     EXPECT_EQ(m_tray->menu()->actions().back()->toolTip(), "Click to Quit this App");
     EXPECT_TRUE(m_tray->menu()->toolTipsVisible());
     EXPECT_EQ(m_tray->statusItem()->toolTip(), "Zandrel Sync");
     EXPECT_EQ(m_tray->statusItem()->contextMenu(), m_tray->menu());
+
+    m_tray->menu()->actions().at(1)->trigger();
+    QWidget* activity = m_tray->activityWindow();
+    ASSERT_NE(activity, nullptr);
+    EXPECT_TRUE(activity->isVisible());
+    activity->hide();
+    m_tray->openSettings();
+    QTest::mouseClick(m_tray->settingsWindow()->findChild<QPushButton*>("activityButton"), Qt::LeftButton);
+    EXPECT_EQ(m_tray->activityWindow(), activity) << "one window, shown again";
+    EXPECT_TRUE(activity->isVisible());
 }
 
 TEST_F(TrayMenuTest, LaunchStartsTheServerAndWithoutATrayShowsTheSettings)
