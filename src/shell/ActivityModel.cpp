@@ -1,6 +1,7 @@
 #include "shell/ActivityModel.h"
 
 #include <algorithm>
+#include <filesystem>
 
 #include <QDateTime>
 #include <QLocale>
@@ -52,7 +53,11 @@ QString ActivityModel::keptText(const Change& change)
 {
     switch (change.state) {
     case Change::State::Kept: return tr("kept");
-    case Change::State::Restored: return tr("restored to %1").arg(QString::fromStdString(change.target));
+    case Change::State::Restored:
+        // Beside the original when its place was taken: the name says which.
+        return change.target == change.path
+            ? tr("restored")
+            : tr("restored as %1").arg(QString::fromStdString(std::filesystem::path(change.target).filename().string()));
     case Change::State::Purged: return tr("kept, since purged");
     case Change::State::None: break;
     }
@@ -97,6 +102,8 @@ QVariant ActivityModel::data(const QModelIndex& index, int role) const
         return text(c, index.column());
     if (role == Qt::ToolTipRole && index.column() == Kept && c.state == Change::State::Kept)
         return tr("In the trash as %1").arg(QString::fromStdString(c.keptAs));
+    if (role == Qt::ToolTipRole && index.column() == Kept && c.state == Change::State::Restored)
+        return tr("Restored to %1").arg(QString::fromStdString(c.target));
     if (role == Qt::ToolTipRole && index.column() == Path)
         return text(c, Path);
     if (role == Qt::TextAlignmentRole && index.column() == Size)

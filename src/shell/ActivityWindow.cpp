@@ -89,6 +89,7 @@ ActivityWindow::ActivityWindow(std::string file, QWidget* parent)
     m_table->setSelectionMode(QAbstractItemView::ExtendedSelection);
     m_table->setWordWrap(false);
     m_table->verticalHeader()->hide();
+    m_table->verticalHeader()->setDefaultSectionSize(fontMetrics().height() + 8);
     m_table->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
     m_table->horizontalHeader()->setSectionResizeMode(ActivityModel::Path, QHeaderView::Stretch);
     m_table->setTextElideMode(Qt::ElideMiddle);

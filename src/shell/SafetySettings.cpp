@@ -3,6 +3,7 @@
 #include <QCheckBox>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QPushButton>
 #include <QSpinBox>
 
@@ -38,6 +39,7 @@ SafetySettings::SafetySettings(QWidget* parent) : QGroupBox(tr("Safety"), parent
     activity->setToolTip(tr("What phones did, and restoring what they deleted or replaced"));
 
     auto* limits = new QHBoxLayout;
+    limits->addWidget(new QLabel(tr("For at most"), this));
     limits->addWidget(m_days);
     limits->addWidget(m_percent);
     limits->addStretch(1);
@@ -45,7 +47,7 @@ SafetySettings::SafetySettings(QWidget* parent) : QGroupBox(tr("Safety"), parent
     auto* form = new QFormLayout(this);
     form->addRow(m_keepDeleted);
     form->addRow(m_keepReplaced);
-    form->addRow(tr("Keep for at most:"), limits);
+    form->addRow(limits);
 
     connect(m_keepDeleted, &QCheckBox::toggled, this, &SafetySettings::updateLimits);
     connect(m_keepReplaced, &QCheckBox::toggled, this, &SafetySettings::updateLimits);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Writes PNG screenshots of the settings window, the open tray menu and the
-# about window into <build-dir>/screenshots, under a virtual X server, in a
-# private network namespace, with a throwaway home folder.
+# Writes PNG screenshots of the settings window, the open tray menu, the
+# about and activity windows into <build-dir>/screenshots, under a virtual X
+# server, in a private network namespace, with a throwaway home folder.
 # Usage: tools/screenshots/screenshots.sh [build-dir]
 set -euo pipefail
 
