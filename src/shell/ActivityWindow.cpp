@@ -402,7 +402,7 @@ void ActivityWindow::emptyKept()
     setBusy(true);
     m_reader->emptyKept([this](int removed) {
         setBusy(false);
-        m_report->setPlainText(tr("Removed %1 kept items for good.").arg(removed));
+        m_report->setPlainText(tr("Kept items removed for good: %1.").arg(removed));
         m_report->show();
         refresh();
     });

@@ -6,6 +6,8 @@
 #include <QComboBox>
 #include <QDesktopServices>
 #include <QItemSelectionModel>
+#include <QLabel>
+#include <QLocale>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTableView>
@@ -108,7 +110,6 @@ TEST_F(ActivityWindowTest, TableShowsTheJournalNewestFirstFollowsItAndFilters)
     EXPECT_EQ(cell(1, ActivityModel::Path), QString::fromStdString(m_kept.string()));
     EXPECT_EQ(cell(1, ActivityModel::Kept), "kept");
     EXPECT_EQ(cell(3, ActivityModel::What), "Connected");
-    EXPECT_EQ(control<QPushButton>("emptyKeptButton")->isEnabled(), true) << "8 bytes are kept";
 
     record(change(5000, "10.0.0.7", Change::Kind::Renamed, m_home.path() / "a.txt"));
     EXPECT_TRUE(waitUntil([&] { return rows() == 5; })) << "a shown window follows the journal";
@@ -147,6 +148,28 @@ TEST_F(ActivityWindowTest, RestoreOfTheSelectionPutsTheKeptItemBackAndSaysWhere)
     EXPECT_EQ(table()->selectionModel()->selectedRows().size(), 1) << "the selection outlives the refresh";
     EXPECT_FALSE(restore->isEnabled());
     EXPECT_FALSE(control<QPushButton>("restoreAllButton")->isEnabled()) << "nothing shown is kept any more";
+}
+
+TEST_F(ActivityWindowTest, EmptyKeptItemsAsksFirstAndRemovesOnlyWhatWasKept)
+{
+    const fs::path trashed = m_home.write(".local/share/Trash/files/mine.txt", "the person's own");
+    auto* empty = control<QPushButton>("emptyKeptButton");
+    auto* kept = control<QLabel>("keptBytesLabel");
+    EXPECT_EQ(kept->text(), "Kept items use " + QLocale().formattedDataSize(8));
+    QStringList asked;
+    m_window->setEmptyConfirmation([&](const QString& question) {
+        asked << question;
+        return asked.size() > 1;
+    });
+    QTest::mouseClick(empty, Qt::LeftButton);
+    ASSERT_EQ(asked.size(), 1);
+    EXPECT_TRUE(fs::exists(m_store->find(m_keptId)->keptAs)) << "declined";
+
+    QTest::mouseClick(empty, Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return kept->text() == "Nothing is kept at the moment"; }));
+    EXPECT_FALSE(fs::exists(m_store->find(m_keptId)->keptAs));
+    EXPECT_TRUE(fs::exists(trashed));
+    EXPECT_FALSE(empty->isEnabled());
 }
 
 } // namespace

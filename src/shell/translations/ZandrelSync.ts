@@ -24,6 +24,248 @@
     </message>
 </context>
 <context>
+    <name>ActivityModel</name>
+    <message>
+        <source>Connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Disconnected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Downloaded</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Uploaded</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Replaced</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Created folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Deleted file</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Deleted folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Renamed</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>kept</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>restored</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>restored as %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>kept, since purged</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>not kept: %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>not kept</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1 → %2</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>In the trash as %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Restored to %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Time</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phone</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>What</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Path</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Size</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Kept</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+<context>
+    <name>ActivityWindow</name>
+    <message>
+        <source>Everything</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Changes to files</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Deleted</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Replaced</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Uploaded</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Created folders</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Renamed</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Downloaded</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phones coming and going</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Activity</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>All phones</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>From</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>To</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phone:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>What:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Empty Kept Items</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Removes for good what Zandrel Sync kept in the trash; what you put there stays</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Show in Folder</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Restore</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Puts the selected kept items back where they were, or beside what stands there now</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Restore All Shown</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Puts back every kept item the table shows</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>The activity journal cannot be read: %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Nothing phones did matches.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>1 entry</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1 entries</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Kept items use %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Nothing is kept at the moment</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1: restored to %2</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1: not restored: %2</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Restored %1 of %2.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Working...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Remove for good everything phones deleted or replaced that Zandrel Sync keeps in the trash (%1)? It cannot be restored afterwards. What you put in the trash yourself stays.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Empty Kept Items?</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Kept items removed for good: %1.</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+<context>
     <name>AdvancedSettings</name>
     <message>
         <source>Advanced</source>
@@ -173,6 +415,53 @@
     </message>
 </context>
 <context>
+    <name>SafetySettings</name>
+    <message>
+        <source>Safety</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Keep what phones delete</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Deleted files and folders go to the trash, where they can be restored</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Keep what uploads replace</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>A file an upload overwrites goes to the trash first</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source> days</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source> % of the disk</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>The oldest kept items go first when they use more of a disk than this</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Activity...</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>What phones did, and restoring what they deleted or replaced</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>For at most</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+<context>
     <name>SettingsDialog</name>
     <message>
         <source>Save</source>
@@ -251,6 +540,10 @@
     </message>
     <message>
         <source>The server could not listen for phones.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Activity</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
