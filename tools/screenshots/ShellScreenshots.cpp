@@ -4,7 +4,8 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 
 #include <QAction>
@@ -19,6 +20,7 @@
 
 #include "ShellTestSupport.h"
 #include "journal/ActivityStore.h"
+#include "journal/Trash.h"
 #include "server/App.h"
 #include "bridge/UIBridge.h"
 #include "settings/Settings.h"
@@ -43,60 +45,65 @@ bool save(QWidget* widget, const QString& path)
     return ok;
 }
 
-// A morning of two phones, as the activity window lists it. The paths are
-// examples; nothing on disk stands behind them.
-void writeActivity()
+// A file of the given size that takes no room (sparse).
+std::string file(const std::filesystem::path& path, std::uintmax_t size)
+{
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path).put('x');
+    std::filesystem::resize_file(path, size);
+    return path.string();
+}
+
+// A morning of two phones, as the activity window lists it: what was kept
+// is really in the home's trash, and one item is already restored.
+void writeActivity(const std::filesystem::path& home)
 {
     using K = Change::Kind;
-    using S = Change::State;
     const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::system_clock::now().time_since_epoch()).count();
-    struct Row {
-        int minutesAgo;
-        const char* device;
-        K kind;
-        const char* path;
-        std::int64_t size;
-        S state;
-        const char* extra;
-    };
-    const Row rows[] = {
-        {26, "192.168.1.40", K::Connected, "", -1, S::None, ""},
-        {25, "192.168.1.40", K::Uploaded, "/home/ana/Music/Live at the Roxy/01 Opening.mp3", 8'412'160, S::None, ""},
-        {24, "192.168.1.40", K::Replaced, "/home/ana/Documents/setlist.txt", 1'984, S::Kept, ""},
-        {22, "192.168.1.40", K::CreatedFolder, "/home/ana/Music/Demos", -1, S::None, ""},
-        {21, "192.168.1.40", K::Renamed, "/home/ana/Music/Demos/take1.m4a", -1, S::None,
-         "/home/ana/Music/Demos/Take 1.m4a"},
-        {18, "192.168.1.40", K::DeletedFolder, "/home/ana/Pictures/Holiday 2025", 412'316'860, S::Kept, ""},
-        {17, "192.168.1.40", K::DeletedFile, "/media/ana/USB/notes.txt", 3'120, S::None, "its volume is read-only"},
-        {15, "192.168.1.40", K::Downloaded, "/home/ana/Music/mix.mp3", 5'734'400, S::None, ""},
-        {12, "192.168.1.40", K::Disconnected, "", -1, S::None, ""},
-        {5, "192.168.1.52", K::Connected, "", -1, S::None, ""},
-        {4, "192.168.1.52", K::DeletedFile, "/home/ana/Documents/old-cv.pdf", 96'211, S::Restored,
-         "/home/ana/Documents/old-cv.pdf"},
-    };
     std::vector<Change> batch;
-    for (const Row& row : rows) {
-        Change c;
-        c.at = now - row.minutesAgo * 60'000LL;
-        c.device = row.device;
-        c.session = std::strcmp(row.device, "192.168.1.40") == 0 ? 1 : 2;
-        c.kind = row.kind;
-        c.path = row.path;
-        c.size = row.size;
-        c.state = row.state;
-        if (row.kind == K::DeletedFile && row.state == S::None)
-            c.note = row.extra;
-        else
-            c.target = row.extra;
-        if (row.state != S::None) {
-            c.keptAs = std::string("/home/ana/.local/share/Trash/files/") + (std::strrchr(row.path, '/') + 1);
-            c.keptSize = row.size;
-        }
-        batch.push_back(std::move(c));
-    }
-    if (auto store = ActivityStore::open())
-        store->insert(batch);
+    auto add = [&](int minutesAgo, const char* device, K kind, const std::string& path, std::int64_t size) -> Change& {
+        Change& c = batch.emplace_back();
+        c.at = now - minutesAgo * 60'000LL;
+        c.device = device;
+        c.session = device == std::string("192.168.1.40") ? 1 : 2;
+        c.kind = kind;
+        c.path = path;
+        c.size = size;
+        return c;
+    };
+    auto keep = [](Change& c) {
+        const Trash::Kept kept = Trash::keep(c.path);
+        c.keptAs = kept.item;
+        c.info = kept.info;
+        c.keptSize = Trash::sizeOf(kept.item);
+        c.size = c.keptSize;
+        c.state = kept.kept ? Change::State::Kept : Change::State::None;
+        c.note = kept.why;
+    };
+    const char* first = "192.168.1.40";
+    const char* second = "192.168.1.52";
+    add(26, first, K::Connected, "", -1);
+    add(25, first, K::Uploaded, file(home / "Music/Live at the Roxy/01 Opening.mp3", 8'412'160), 8'412'160);
+    const std::string setlist = file(home / "Documents/setlist.txt", 1'984);
+    keep(add(24, first, K::Replaced, setlist, -1));
+    file(setlist, 2'210);
+    std::filesystem::create_directories(home / "Music/Demos");
+    add(22, first, K::CreatedFolder, (home / "Music/Demos").string(), -1);
+    add(21, first, K::Renamed, (home / "Music/Demos/take1.m4a").string(), -1).target
+        = file(home / "Music/Demos/Take 1.m4a", 3'145'728);
+    for (const char* name : {"IMG_2041.jpg", "IMG_2042.jpg", "VID_2043.mp4"})
+        file(home / "Pictures/Holiday 2025" / name, name[0] == 'V' ? 401'604'608 : 5'356'126);
+    keep(add(18, first, K::DeletedFolder, (home / "Pictures/Holiday 2025").string(), -1));
+    add(17, first, K::DeletedFile, "/media/ana/USB/notes.txt", 3'120).note = "its volume is read-only";
+    add(15, first, K::Downloaded, file(home / "Music/mix.mp3", 5'734'400), 5'734'400);
+    add(12, first, K::Disconnected, "", -1);
+    add(5, second, K::Connected, "", -1);
+    keep(add(4, second, K::DeletedFile, file(home / "Documents/old-cv.pdf", 96'211), -1));
+    auto store = ActivityStore::open();
+    if (!store || !store->insert(batch))
+        return;
+    store->restore(batch.back().id);
 }
 
 } // namespace
@@ -110,7 +117,10 @@ int main(int argc, char* argv[])
     QDir().mkpath(out);
     UpdateCheck::setUpdateInfoURL(unansweredURL());
 
-    writeActivity();
+    // The example entries go into the throwaway home's journal, whatever the
+    // environment names.
+    qputenv("XDG_STATE_HOME", QDir::home().filePath(".local/state").toLocal8Bit());
+    writeActivity(QDir::homePath().toStdString());
     TrayMenu tray(std::make_shared<RecordingNotifier>());
     tray.applicationDidFinishLaunching();
     tray.openSettings();

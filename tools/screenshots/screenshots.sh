@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Writes PNG screenshots of the settings window, the open tray menu, the
 # about and activity windows into <build-dir>/screenshots, under a virtual X
-# server, in a private network namespace, with a throwaway home folder.
+# server, in private network and mount namespaces, with a throwaway home folder.
 # Usage: tools/screenshots/screenshots.sh [build-dir]
 set -euo pipefail
 
@@ -11,18 +11,19 @@ out="$build/screenshots"
 [ -x "$tool" ] || { echo "screenshots: $tool is not built" >&2; exit 1; }
 command -v xvfb-run >/dev/null || { echo "screenshots: xvfb-run is missing (package xvfb)" >&2; exit 1; }
 
-home=$(mktemp -d)
-trap 'rm -rf "$home"' EXIT
 mkdir -p "$out"
 
 # Two example addresses on lo stand in for a LAN, and the host is named, so
-# the window shows what a person on a home network would see.
-unshare -rnu sh -c '
+# the window shows what a person on a home network would see. The home is a
+# throwaway tmpfs at a path that reads like a person's (the activity window
+# shows it), large enough that the example's kept items fit their share.
+unshare -rnum sh -c '
+  mount -t tmpfs -o size=8g tmpfs /home && mkdir /home/ana
   ip link set lo up
   ip route add 224.0.0.0/4 dev lo
   ip addr add 192.168.1.23/24 dev lo
   ip addr add 10.0.0.5/24 dev lo
   hostname studio-desktop
-  exec env HOME="$1" XDG_CONFIG_HOME="$1/.config" QT_QPA_PLATFORM=xcb LANG=C.UTF-8 \
-    xvfb-run -a -s "-screen 0 1024x768x24 -dpi 96" "$2" "$3"
-' sh "$home" "$tool" "$out"
+  exec env HOME=/home/ana XDG_CONFIG_HOME=/home/ana/.config QT_QPA_PLATFORM=xcb LANG=C.UTF-8 \
+    xvfb-run -a -s "-screen 0 1024x768x24 -dpi 96" "$1" "$2"
+' sh "$tool" "$out"
