@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <set>
-#include <system_error>
 #include <utility>
+
+#include <sys/stat.h>
 
 #include <QMetaObject>
 
@@ -58,13 +59,17 @@ ActivityStore* ActivityReader::store(std::string& error)
 
 ActivityReader::Stamp ActivityReader::stamp() const
 {
-    namespace fs = std::filesystem;
-    std::error_code ec;
     Stamp s;
-    s.size = fs::file_size(m_file, ec);
-    s.time = fs::last_write_time(m_file, ec);
-    s.walSize = fs::file_size(m_file + "-wal", ec);
-    s.walTime = fs::last_write_time(m_file + "-wal", ec);
+    struct stat st {};
+    if (::stat(m_file.c_str(), &st) == 0) {
+        s.inode = st.st_ino;
+        s.size = st.st_size;
+        s.timeNs = st.st_mtim.tv_sec * 1'000'000'000LL + st.st_mtim.tv_nsec;
+    }
+    if (::stat((m_file + "-wal").c_str(), &st) == 0) {
+        s.walSize = st.st_size;
+        s.walTimeNs = st.st_mtim.tv_sec * 1'000'000'000LL + st.st_mtim.tv_nsec;
+    }
     return s;
 }
 
@@ -74,6 +79,9 @@ void ActivityReader::list(ActivityQuery query, bool force, std::function<void(Ac
         const Stamp now = stamp();
         if (!force && m_store && m_lastStamp == now && m_lastQuery && sameQuery(*m_lastQuery, query))
             return;
+        // A connection to a file set aside would show it for ever.
+        if (m_lastStamp && m_lastStamp->inode != now.inode)
+            m_store.reset();
         ActivityListing listing;
         if (const ActivityStore* s = store(listing.error)) {
             listing = read(*s, query);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -51,13 +50,15 @@ public:
     void emptyKept(std::function<void(int)> done);
 
 private:
-    // Size and time of the file and its write-ahead log: a commit changes
-    // one of them.
+    // The file's identity, and size and time of it and its write-ahead log:
+    // a commit changes one of them; a file set aside and started anew (a
+    // damaged one) changes the identity.
     struct Stamp {
-        std::uintmax_t size = 0;
-        std::filesystem::file_time_type time{};
-        std::uintmax_t walSize = 0;
-        std::filesystem::file_time_type walTime{};
+        std::uint64_t inode = 0;
+        std::int64_t size = 0;
+        std::int64_t timeNs = 0;
+        std::int64_t walSize = 0;
+        std::int64_t walTimeNs = 0;
         bool operator==(const Stamp&) const = default;
     };
 

@@ -122,6 +122,14 @@ TEST_F(ActivityWindowTest, TableShowsTheJournalNewestFirstFollowsItAndFilters)
     auto* kind = control<QComboBox>("kindFilter");
     kind->setCurrentIndex(kind->findText("Deleted"));
     EXPECT_TRUE(waitUntil([&] { return rows() == 2; }));
+
+    // A damaged journal is set aside and a new one started: the window follows the new one.
+    m_store.reset();
+    for (const char* suffix : {"", "-wal", "-shm"})
+        fs::rename(m_file + suffix, m_file + ".damaged" + suffix);
+    m_store = ActivityStore::open(nullptr, m_file);
+    record(change(6000, "10.0.0.7", Change::Kind::DeletedFile, m_home.path() / "b.txt"));
+    EXPECT_TRUE(waitUntil([&] { return rows() == 1; }));
 }
 
 TEST_F(ActivityWindowTest, RestoreOfTheSelectionPutsTheKeptItemBackAndSaysWhere)
