@@ -108,6 +108,9 @@ ActivityListing ActivityReader::read(const ActivityStore& store, const ActivityQ
     }
     std::reverse(listing.changes.begin(), listing.changes.end());
     listing.devices.assign(devices.begin(), devices.end());
+    ChangeFilter kept;
+    kept.restorableOnly = true;
+    listing.keptCount = store.list(kept).size();
     listing.keptBytes = store.keptBytes();
     return listing;
 }

@@ -25,6 +25,8 @@ struct ActivityListing {
     std::vector<Change> changes;
     // Every phone in the time range, for the phone filter.
     std::vector<std::string> devices;
+    // Items kept in the trash and not yet restored or purged, and their bytes.
+    std::size_t keptCount = 0;
     std::int64_t keptBytes = 0;
     // Why the journal could not be read; empty when it was.
     std::string error;

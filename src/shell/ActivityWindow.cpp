@@ -176,8 +176,8 @@ QWidget* ActivityWindow::makeFilters()
 QWidget* ActivityWindow::makeButtons()
 {
     auto* box = new QWidget(this);
-    m_keptBytes = new QLabel(box);
-    m_keptBytes->setObjectName("keptBytesLabel");
+    m_keptLabel = new QLabel(box);
+    m_keptLabel->setObjectName("keptBytesLabel");
     m_empty = new QPushButton(tr("Empty Kept Items"), box);
     m_empty->setObjectName("emptyKeptButton");
     m_empty->setToolTip(tr("Removes for good what Zandrel Sync kept in the trash; what you put there stays"));
@@ -196,7 +196,7 @@ QWidget* ActivityWindow::makeButtons()
 
     auto* row = new QHBoxLayout(box);
     row->setContentsMargins(0, 0, 0, 0);
-    row->addWidget(m_keptBytes);
+    row->addWidget(m_keptLabel);
     row->addWidget(m_empty);
     row->addStretch(1);
     row->addWidget(m_showInFolder);
@@ -241,7 +241,7 @@ void ActivityWindow::display(ActivityListing listing)
         return;
     }
     showDevices(listing.devices);
-    showKeptBytes(listing.keptBytes);
+    showKept(listing.keptCount, listing.keptBytes);
     const std::vector<std::int64_t> ids = selectedIds();
     const std::set<std::int64_t> selected(ids.begin(), ids.end());
     const std::size_t count = listing.changes.size();
@@ -279,10 +279,11 @@ void ActivityWindow::showDevices(const std::vector<std::string>& devices)
     m_phone->setCurrentIndex(chosen.isEmpty() ? 0 : m_phone->findText(chosen));
 }
 
-void ActivityWindow::showKeptBytes(std::int64_t bytes)
+void ActivityWindow::showKept(std::size_t count, std::int64_t bytes)
 {
-    m_keptByteCount = bytes;
-    m_keptBytes->setText(bytes > 0 ? tr("Kept items use %1").arg(QLocale().formattedDataSize(bytes))
+    m_keptCount = count;
+    m_keptBytes = bytes;
+    m_keptLabel->setText(count > 0 ? tr("Kept items use %1").arg(QLocale().formattedDataSize(bytes))
                                    : tr("Nothing is kept at the moment"));
 }
 
@@ -305,18 +306,18 @@ std::vector<std::int64_t> ActivityWindow::selectedIds() const
 
 void ActivityWindow::updateButtons()
 {
+    const std::vector<int> rows = selectedRows();
     bool anyKept = false;
     bool anyShownKept = false;
-    for (int row : selectedRows())
+    for (int row : rows)
         anyKept = anyKept || m_model->change(row).state == Change::State::Kept;
     for (const Change& change : m_model->changes())
         anyShownKept = anyShownKept || change.state == Change::State::Kept;
-    const QModelIndex current = m_table->currentIndex();
-    const bool hasPath = current.isValid() && !m_model->change(current.row()).path.empty();
+    const bool hasPath = !rows.empty() && !m_model->change(rows.front()).path.empty();
     m_restore->setEnabled(!m_busy && anyKept);
     m_restoreAll->setEnabled(!m_busy && anyShownKept);
     m_showInFolder->setEnabled(hasPath);
-    m_empty->setEnabled(!m_busy && m_keptByteCount > 0);
+    m_empty->setEnabled(!m_busy && m_keptCount > 0);
 }
 
 void ActivityWindow::restoreSelected()
@@ -379,10 +380,10 @@ void ActivityWindow::setBusy(bool busy)
 
 void ActivityWindow::showInFolder()
 {
-    const QModelIndex current = m_table->currentIndex();
-    if (!current.isValid())
+    const std::vector<int> rows = selectedRows();
+    if (rows.empty())
         return;
-    const std::filesystem::path folder = folderOf(m_model->change(current.row()));
+    const std::filesystem::path folder = folderOf(m_model->change(rows.front()));
     if (!folder.empty())
         QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(folder.string())));
 }
@@ -393,7 +394,7 @@ void ActivityWindow::emptyKept()
         return;
     const QString question = tr("Remove for good everything phones deleted or replaced that Zandrel Sync keeps in the "
                                 "trash (%1)? It cannot be restored afterwards. What you put in the trash yourself stays.")
-                                 .arg(QLocale().formattedDataSize(m_keptByteCount));
+                                 .arg(QLocale().formattedDataSize(m_keptBytes));
     const bool go = m_confirmEmpty
         ? m_confirmEmpty(question)
         : QMessageBox::question(this, tr("Empty Kept Items?"), question) == QMessageBox::Yes;

@@ -55,7 +55,7 @@ private:
     void ask(bool force);
     void display(ActivityListing listing);
     void showDevices(const std::vector<std::string>& devices);
-    void showKeptBytes(std::int64_t bytes);
+    void showKept(std::size_t count, std::int64_t bytes);
     void restore(std::vector<std::int64_t> ids);
     void report(const std::vector<RestoreResult>& results);
     void setBusy(bool busy);
@@ -74,13 +74,14 @@ private:
     QDateTimeEdit* m_until = nullptr;
     QLabel* m_summary = nullptr;
     QPlainTextEdit* m_report = nullptr;
-    QLabel* m_keptBytes = nullptr;
+    QLabel* m_keptLabel = nullptr;
     QPushButton* m_restore = nullptr;
     QPushButton* m_restoreAll = nullptr;
     QPushButton* m_showInFolder = nullptr;
     QPushButton* m_empty = nullptr;
     QTimer* m_timer = nullptr;
-    std::int64_t m_keptByteCount = 0;
+    std::size_t m_keptCount = 0;
+    std::int64_t m_keptBytes = 0;
     bool m_busy = false;
     std::function<bool(const QString&)> m_confirmEmpty;
 };

@@ -154,6 +154,7 @@ TEST_F(ActivityWindowTest, RestoreOfTheSelectionPutsTheKeptItemBackAndSaysWhere)
     EXPECT_EQ(report->toPlainText(), QString("Restored 1 of 1.\n%1: restored to %1").arg(path));
     EXPECT_TRUE(waitUntil([&] { return cell(1, ActivityModel::Kept) == "restored"; }));
     EXPECT_EQ(table()->selectionModel()->selectedRows().size(), 1) << "the selection outlives the refresh";
+    EXPECT_TRUE(control<QPushButton>("showInFolderButton")->isEnabled());
     EXPECT_FALSE(restore->isEnabled());
     EXPECT_FALSE(control<QPushButton>("restoreAllButton")->isEnabled()) << "nothing shown is kept any more";
 }
