@@ -156,9 +156,21 @@ void FolderWalk::walkFolder(const std::string& path, std::size_t depth, const Wa
     auto itemOf = [&](const FolderListing::Entry& e) {
         return WalkRecords::Common{prefix, listing.name(e), parent, e.created, e.modified, !e.writable};
     };
+    auto listed = [&](const FolderListing::Entry& e) {
+        return !e.isFolder && !Protocol::isLeftOutOfListings(listing.name(e));
+    };
+    // With digests, the cache is asked about the folder's files at once.
+    if (m_cache) {
+        m_states.clear();
+        for (const auto& entry : listing.entries())
+            if (listed(entry))
+                m_states.push_back(entry.state);
+        m_cache->lookupMany(m_states, m_known);
+    }
+    std::size_t file = 0;
     for (const auto& entry : listing.entries())
-        if (!entry.isFolder && !Protocol::isLeftOutOfListings(listing.name(entry)))
-            emitFile(listing, entry, itemOf(entry));
+        if (listed(entry))
+            emitFile(listing, entry, itemOf(entry), m_cache ? std::move(m_known[file++]) : std::string());
     for (const auto& entry : listing.entries()) {
         if (!entry.isFolder)
             continue;
@@ -167,13 +179,13 @@ void FolderWalk::walkFolder(const std::string& path, std::size_t depth, const Wa
     }
 }
 
-void FolderWalk::emitFile(const FolderListing& listing, const FolderListing::Entry& entry, WalkRecords::Common item)
+// `known` is the file's digest text (empty without digests), or nothing
+// when it must be read.
+void FolderWalk::emitFile(const FolderListing& listing, const FolderListing::Entry& entry, WalkRecords::Common item,
+    std::optional<std::string> known)
 {
     const std::string_view extension = extensionOf(listing.name(entry));
     const auto kind = extension.empty() ? FileKindOther : fileKindForExtension(std::string(extension));
-    std::optional<std::string> known = std::string();
-    if (m_pool)
-        known = m_cache->lookup(entry.state);
     if (known && m_pending.empty()) {
         written(true);
         WalkRecords::appendFile(m_buffer, item, extension, kind, entry.size, *known);

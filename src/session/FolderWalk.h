@@ -62,7 +62,8 @@ private:
     };
 
     void walkFolder(const std::string& path, std::size_t depth, const WalkRecords::Common* self);
-    void emitFile(const FolderListing& listing, const FolderListing::Entry& entry, WalkRecords::Common item);
+    void emitFile(const FolderListing& listing, const FolderListing::Entry& entry, WalkRecords::Common item,
+        std::optional<std::string> known);
     void emit(Bytes record, bool isFile);
     void drain(std::size_t keep);
     void append(const Bytes& record, bool isFile);
@@ -82,6 +83,9 @@ private:
     std::vector<std::unique_ptr<FolderListing>> m_levels;
     std::vector<char> m_block;
     Bytes m_rootRecord;
+    // A folder's files as the digest cache is asked about them, and its answers.
+    std::vector<FileState> m_states;
+    std::vector<std::optional<std::string>> m_known;
 
     // What the next write holds.
     Bytes m_buffer;
