@@ -87,6 +87,12 @@ std::string DigestCache::digestOf(
     if (before)
         if (auto known = lookup(*before))
             return *known;
+    return readAndKeep(path, before, keepGoing);
+}
+
+std::string DigestCache::readAndKeep(
+    const std::string& path, const std::optional<FileState>& before, const std::atomic<bool>* keepGoing)
+{
     std::int64_t readAt = nowNs();
     std::string digest = Digest::md5OfFile(path, keepGoing);
     if (keepGoing && !*keepGoing)
@@ -210,14 +216,19 @@ bool DigestCache::lookupRange(const std::vector<FileState>& states, std::vector<
 
 void DigestCache::store(const FileState& state, const std::string& digest)
 {
+    bool wake = false;
     {
         std::lock_guard guard(m_mutex);
         remember(state, digest);
         if (m_pending.size() >= kMaxPending)
             return;
         m_pending.emplace_back(state, digest);
+        // The writer needs waking only to start its delay and once a batch
+        // is full; a wake per digest cost a switch of threads per file.
+        wake = m_pending.size() == 1 || m_pending.size() == kBatch;
     }
-    m_wake.notify_all();
+    if (wake)
+        m_wake.notify_all();
 }
 
 void DigestCache::remember(const FileState& state, const std::string& digest)

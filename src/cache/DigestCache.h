@@ -49,6 +49,11 @@ public:
     std::string digestOf(const std::string& path, const std::optional<FileState>& seen = std::nullopt,
         const std::atomic<bool>* keepGoing = nullptr);
 
+    // digestOf for a file the cache has just been asked about and did not
+    // know: read at once, and kept as digestOf keeps it.
+    std::string readAndKeep(const std::string& path, const std::optional<FileState>& before,
+        const std::atomic<bool>* keepGoing = nullptr);
+
     std::optional<std::string> lookup(const FileState& state);
     // The same for the files of one folder, in their order: files made one
     // after another have neighbouring inodes, so one range query of the

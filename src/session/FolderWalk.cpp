@@ -25,66 +25,10 @@ namespace {
 constexpr std::size_t kLookAhead = 64;
 // Records gathered before a write.
 constexpr std::size_t kWriteSize = 256 * 1024;
+// How long a digest is waited for before what is ready goes out.
+constexpr auto kShortWait = std::chrono::milliseconds(2);
 
 } // namespace
-
-// Digests files on as many threads as there are cores.
-class DigestPool {
-public:
-    explicit DigestPool(unsigned workers)
-    {
-        for (unsigned i = 0; i < workers; ++i)
-            m_threads.emplace_back([this] { work(); });
-    }
-    // Drops the jobs nobody has started and waits for the running ones.
-    ~DigestPool()
-    {
-        {
-            std::lock_guard guard(m_mutex);
-            m_stopping = true;
-            m_jobs.clear();
-        }
-        m_wake.notify_all();
-        for (auto& t : m_threads)
-            t.join();
-    }
-    DigestPool(const DigestPool&) = delete;
-    DigestPool& operator=(const DigestPool&) = delete;
-
-    std::future<std::string> submit(std::function<std::string()> job)
-    {
-        std::packaged_task<std::string()> task(std::move(job));
-        auto result = task.get_future();
-        {
-            std::lock_guard guard(m_mutex);
-            m_jobs.push_back(std::move(task));
-        }
-        m_wake.notify_one();
-        return result;
-    }
-
-private:
-    void work()
-    {
-        std::unique_lock guard(m_mutex);
-        for (;;) {
-            m_wake.wait(guard, [&] { return m_stopping || !m_jobs.empty(); });
-            if (m_jobs.empty())
-                return;
-            auto task = std::move(m_jobs.front());
-            m_jobs.pop_front();
-            guard.unlock();
-            task();
-            guard.lock();
-        }
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_wake;
-    std::deque<std::packaged_task<std::string()>> m_jobs;
-    std::vector<std::thread> m_threads;
-    bool m_stopping = false;
-};
 
 namespace {
 
@@ -104,7 +48,8 @@ FolderWalk::FolderWalk(StreamIO& io, std::string context, Hooks hooks, bool with
 {
     if (withDigests) {
         m_cache = DigestCache::shared();
-        m_pool = std::make_unique<DigestPool>(std::max(1u, std::thread::hardware_concurrency()));
+        m_pool = std::make_unique<DigestPool>(
+            m_cache, m_hooks.keepGoing, std::max(1u, std::thread::hardware_concurrency()));
     }
     if (std::thread::hardware_concurrency() > 1)
         m_helper = std::make_unique<HelperThread>();
@@ -197,11 +142,8 @@ void FolderWalk::emitFile(const FolderListing& listing, const FolderListing::Ent
     WalkRecords::appendFile(pending.record, item, extension, kind, entry.size, known ? *known : std::string());
     // An unchanged file is answered at once; only files to be read go to
     // the pool.
-    if (!known) {
-        std::string path = std::string(item.folderPart) + std::string(item.name);
-        pending.digest = m_pool->submit([cache = m_cache, path = std::move(path), state = entry.state,
-                                            keepGoing = m_hooks.keepGoing] { return cache->digestOf(path, state, keepGoing); });
-    }
+    if (!known)
+        pending.ticket = m_pool->submit(std::string(item.folderPart) + std::string(item.name), entry.state);
     m_pending.push_back(std::move(pending));
     drain(kLookAhead);
 }
@@ -232,13 +174,18 @@ void FolderWalk::drain(std::size_t keep)
 {
     while (!m_pending.empty()) {
         Pending& front = m_pending.front();
-        if (front.digest.valid()) {
-            bool ready = front.digest.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        if (front.ticket) {
+            const auto& batch = front.ticket->batch;
+            bool ready = batch.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
             if (!ready && m_pending.size() <= keep)
                 return;
             if (!ready)
-                flush(); // the phone gets what is ready while we wait
-            WalkRecords::fillDigest(front.record, front.digest.get());
+                m_pool->seal();
+            // The phone gets what is ready while we wait for a large file;
+            // small ones are done before a write would be.
+            if (!ready && batch.wait_for(kShortWait) != std::future_status::ready)
+                flush();
+            WalkRecords::fillDigest(front.record, batch.get()[front.ticket->index]);
         }
         append(front.record, front.isFile);
         m_pending.pop_front();

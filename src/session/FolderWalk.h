@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "session/DigestPool.h"
 #include "session/FolderListing.h"
 #include "session/HelperThread.h"
 #include "session/WalkRecords.h"
@@ -17,7 +18,6 @@
 #include "wire/Bytes.h"
 
 class DigestCache;
-class DigestPool;
 class StreamIO;
 
 // The recursive listing of one walk command, run on its session's thread:
@@ -53,7 +53,7 @@ private:
         // A file record waiting for its digest, and what was made after it.
         Bytes record;
         bool isFile = false;
-        std::future<std::string> digest;
+        std::optional<DigestPool::Ticket> ticket;
     };
     // Where a record starts in the buffer, and whether it is a file's.
     struct Mark {

@@ -12,6 +12,7 @@
 #include "records/FileSyncInfo.h"
 #include "records/RecordEncoding.h"
 #include "session/WriteAccess.h"
+#include "wire/Digest.h"
 
 namespace fs = std::filesystem;
 using namespace SessionTest;
@@ -20,6 +21,13 @@ namespace {
 
 const std::string kHelloMd5 = "5d41402abc4b2a76b9719d911017c592";
 const std::string kEmptyMd5 = "d41d8cd98f00b204e9800998ecf8427e";
+
+// Files larger than "hello" are that many "L" bytes.
+std::string md5OfLarge(std::uint64_t size)
+{
+    const std::string text(size, 'L');
+    return Digest::md5Hex(text.data(), text.size());
+}
 
 // Entry names in the order the platform lists them, read independently of
 // the server; an unreadable folder lists nothing.
@@ -68,7 +76,7 @@ protected:
                 continue;
             FileSyncInfo info = FileSyncInfo::initFromPath(folder + "/" + name);
             if (withHash)
-                info.hash = info.size == 0 ? kEmptyMd5 : kHelloMd5;
+                info.hash = info.size == 0 ? kEmptyMd5 : info.size == 5 ? kHelloMd5 : md5OfLarge(info.size);
             out.push_back(BitHelper::encodeFileSyncInfo(info));
         }
         for (const auto& name : listing(folder, fs::file_type::directory))
@@ -171,14 +179,16 @@ TEST_F(FolderQueriesTest, SmallQueriesExpandTildeOnlyWherePhonesExpectItAndListi
     expectQuery(&FolderQueries::filesInFolder, Command::FilesInFolder, text(m_root + "/sub2"), number(0));
 }
 
-// More files than are digested ahead still come in walk order, and a damaged
-// digest cache costs one log line, not the walk.
+// More files than are digested ahead, small ones read in batches and large
+// ones alone, still come in walk order, and a damaged digest cache costs one
+// log line, not the walk.
 TEST_F(FolderQueriesTest, WalksStreamTheTreeInWalkOrderOverADamagedDigestCache)
 {
     home.write(".cache/zandrel/digests.sqlite", std::string(4096, 'x'));
     makeTree();
     for (int i = 0; i < 150; ++i)
-        home.write("tree/many/f" + std::to_string(i) + ".txt", i % 3 ? "hello" : "");
+        home.write("tree/many/f" + std::to_string(i) + ".txt",
+            i % 40 == 7 ? std::string(300000 + i, 'L') : i % 3 ? "hello" : "");
     checkWalk(false);
     checkWalk(true);
     EXPECT_TRUE(log.contains("Digest cache " + home.path().string() +
