@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -11,9 +9,8 @@
 #include <fmt/format.h>
 
 #include "cache/DigestCache.h"
-#include "cache/FileState.h"
-#include "records/FileKind.h"
 #include "records/DirSyncInfo.h"
+#include "records/FileKind.h"
 #include "records/RecordEncoding.h"
 #include "wire/Paths.h"
 #include "wire/Protocol.h"
@@ -27,11 +24,6 @@ constexpr std::size_t kLookAhead = 64;
 constexpr std::size_t kWriteSize = 256 * 1024;
 // How long a digest is waited for before what is ready goes out.
 constexpr auto kShortWait = std::chrono::milliseconds(2);
-
-} // namespace
-
-namespace {
-
 // Room for the directory reads of any folder in a few calls.
 constexpr std::size_t kDirBlock = 256 * 1024;
 
