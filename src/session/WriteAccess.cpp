@@ -89,7 +89,9 @@ void WriteAccess::setShortcutEnabled(bool on)
 void WriteAccess::enterFolder(int dirFd)
 {
     struct statfs fs {};
-    m_folderPlain = m_shortcut && ::fstatfs(dirFd, &fs) == 0
+    // The mount flags are only there when the kernel says they are valid.
+    constexpr unsigned long kFlagsValid = 0x0020; // ST_VALID
+    m_folderPlain = m_shortcut && ::fstatfs(dirFd, &fs) == 0 && (fs.f_flags & kFlagsValid)
         && (fs.f_type == kExt || fs.f_type == kXfs || fs.f_type == kTmpfs);
     m_folderReadOnly = m_folderPlain && (fs.f_flags & ST_RDONLY);
 }
