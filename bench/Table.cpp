@@ -4,7 +4,9 @@
 // the table shows the median ratio and the spread (lowest to highest).
 //
 // Run by scripts/bench inside a private network namespace; everything talks
-// over 127.0.0.1. Options: --size-mib N (default 1024), --rounds N (default 5).
+// over 127.0.0.1. Options: --size-mib N (default 1024), --rounds N (default 5),
+// --big (adds the rows of a 1,000,000-file library, built once in
+// /var/tmp/zandrel-bench-big and reused by later runs).
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +21,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -306,6 +309,40 @@ public:
         }
         std::printf("| server peak resident memory over all rows | %lld MiB | | <= 32 MiB |\n",
             static_cast<long long>(m_peakKiB / 1024));
+        if (m_bigPeakKiB > 0)
+            std::printf("| server peak resident memory over the 1,000,000-file rows | %lld MiB | | <= 32 MiB |\n"
+                        "| digest cache file per file | %.0f bytes | | <= 120 bytes |\n",
+                static_cast<long long>(m_bigPeakKiB / 1024), m_cacheBytesPerFile);
+    }
+
+    // The 1,000,000-file library: walks without digests against find, and
+    // the digest walk after a restart against the first one. The server is
+    // started afresh so that its peak is these rows' own.
+    void runBig()
+    {
+        const fs::path tree = bigTree();
+        restartServer(false);
+        const long long before = std::exchange(m_peakKiB, 0);
+        for (int round = 0; round < m_rounds; ++round) {
+            std::fprintf(stderr, "big round %d of %d\n", round + 1, m_rounds);
+            pair("1,000,000 files: walk, no digests, vs find -printf", round % 2 == 0,
+                [&] { return walk(tree, false); },
+                [&] { return timed({"find", tree.string(), "-printf", "%s %T@ %p\\n"}); });
+        }
+        for (int round = 0; round < std::min(m_rounds, 3); ++round) {
+            restartServer(true);
+            double cold = walk(tree, true);
+            // The digests reach the file when the server stops.
+            restartServer(false);
+            m_cacheBytesPerFile = static_cast<double>(cacheFileBytes()) / kBigFiles;
+            double restarted = walk(tree, true);
+            m_ratios["1,000,000 files: digest walk after a restart (times faster)"].push_back(cold / restarted);
+            std::fprintf(stderr, "  1,000,000 files with digests: first %.3f s, after a restart %.3f s\n", cold,
+                restarted);
+        }
+        noteMemory();
+        m_bigPeakKiB = m_peakKiB;
+        m_peakKiB = std::max(before, m_peakKiB);
     }
 
 private:
@@ -319,7 +356,48 @@ private:
         {"the same walk after a server restart (times faster)", ">= 20"},
         {"walk, no digests, vs find -printf", ">= 0.5"},
         {"16 sessions x 1/16 of the size vs one session alone", ">= 0.9"},
+        {"1,000,000 files: walk, no digests, vs find -printf", ">= 1.0"},
+        {"1,000,000 files: digest walk after a restart (times faster)", ">= 20"},
     };
+    static constexpr int kBigFolders = 1000;
+    static constexpr int kBigFiles = 1000 * kBigFolders;
+
+    // 1,000 folders of 1,000 small files, built once outside the repository
+    // (a marker says it is whole) and kept for the next run.
+    static fs::path bigTree()
+    {
+        const fs::path tree = "/var/tmp/zandrel-bench-big";
+        if (fs::exists(tree / ".complete"))
+            return tree;
+        std::fprintf(stderr, "building %s once (1,000,000 files)\n", tree.c_str());
+        fs::remove_all(tree);
+        for (int d = 0; d < kBigFolders; ++d) {
+            fs::path folder = tree / ("d" + std::to_string(d));
+            fs::create_directories(folder);
+            for (int f = 0; f < kBigFiles / kBigFolders; ++f) {
+                std::string body = "file " + std::to_string(d) + "/" + std::to_string(f) + "\n";
+                int fd = ::open((folder / ("f" + std::to_string(f) + ".txt")).c_str(),
+                    O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
+                if (fd < 0 || ::write(fd, body.data(), body.size()) != static_cast<ssize_t>(body.size()))
+                    die("cannot build the big tree");
+                ::close(fd);
+            }
+        }
+        std::ofstream(tree / ".complete").close();
+        return tree;
+    }
+
+    std::uintmax_t cacheFileBytes() const
+    {
+        std::uintmax_t total = 0;
+        std::error_code ignored;
+        for (const char* suffix : {"", "-wal"}) {
+            auto size = fs::file_size(m_root / "cache" / "zandrel" / (std::string("digests.sqlite") + suffix), ignored);
+            if (!ignored)
+                total += size;
+        }
+        return total;
+    }
 
     fs::path data(const std::string& name) const { return m_root / "data" / name; }
 
@@ -563,6 +641,8 @@ private:
     std::vector<Child> m_refs;
     int m_port = 0, m_rawPort = 0, m_fsyncPort = 0, m_rsyncPort = 0;
     long long m_peakKiB = 0;
+    long long m_bigPeakKiB = 0;
+    double m_cacheBytesPerFile = 0;
     std::map<std::string, std::vector<double>> m_ratios;
 };
 
@@ -572,19 +652,24 @@ int main(int argc, char** argv)
 {
     std::int64_t sizeMiB = 1024;
     int rounds = 5;
-    for (int i = 1; i + 1 < argc; i += 2) {
+    bool big = false;
+    for (int i = 1; i < argc; ++i) {
         std::string opt = argv[i];
-        if (opt == "--size-mib")
-            sizeMiB = std::max<std::int64_t>(16, std::atoll(argv[i + 1]));
-        else if (opt == "--rounds")
-            rounds = std::max(1, std::atoi(argv[i + 1]));
+        if (opt == "--big")
+            big = true;
+        else if (opt == "--size-mib" && i + 1 < argc)
+            sizeMiB = std::max<std::int64_t>(16, std::atoll(argv[++i]));
+        else if (opt == "--rounds" && i + 1 < argc)
+            rounds = std::max(1, std::atoi(argv[++i]));
         else
-            die("unknown option " + opt + " (use --size-mib N, --rounds N)");
+            die("unknown option " + opt + " (use --size-mib N, --rounds N, --big)");
     }
     std::signal(SIGPIPE, SIG_IGN);
     Bench bench(sizeMiB, rounds, fs::canonical("/proc/self/exe").parent_path());
     bench.prepare();
     bench.run();
+    if (big)
+        bench.runBig();
     bench.print();
     return 0;
 }

@@ -1,5 +1,6 @@
 #include "cache/DigestCache.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -86,6 +87,12 @@ std::string DigestCache::digestOf(
     if (before)
         if (auto known = lookup(*before))
             return *known;
+    return readAndKeep(path, before, keepGoing);
+}
+
+std::string DigestCache::readAndKeep(
+    const std::string& path, const std::optional<FileState>& before, const std::atomic<bool>* keepGoing)
+{
     std::int64_t readAt = nowNs();
     std::string digest = Digest::md5OfFile(path, keepGoing);
     if (keepGoing && !*keepGoing)
@@ -102,6 +109,12 @@ std::string DigestCache::digestOf(
 std::optional<std::string> DigestCache::lookup(const FileState& state)
 {
     std::lock_guard guard(m_mutex);
+    return lookupLocked(state);
+}
+
+// Called under m_mutex.
+std::optional<std::string> DigestCache::lookupLocked(const FileState& state)
+{
     Key key{state.device, state.inode};
     if (auto it = m_front.find(key); it != m_front.end())
         return it->second.first == state ? std::optional(it->second.second) : std::nullopt;
@@ -132,16 +145,90 @@ std::optional<std::string> DigestCache::lookup(const FileState& state)
     return digest;
 }
 
+void DigestCache::lookupMany(const std::vector<FileState>& states, std::vector<std::optional<std::string>>& digests)
+{
+    digests.assign(states.size(), std::nullopt);
+    std::lock_guard guard(m_mutex);
+    open();
+    if (lookupRange(states, digests))
+        return;
+    for (std::size_t i = 0; i < states.size(); ++i)
+        digests[i] = lookupLocked(states[i]);
+}
+
+// Called under m_mutex. False when the files are not neighbours on one
+// device (a range would read far more rows than it answers).
+bool DigestCache::lookupRange(const std::vector<FileState>& states, std::vector<std::optional<std::string>>& digests)
+{
+    constexpr std::uint64_t kSpread = 4;
+    if (!m_db || states.size() < 2)
+        return false;
+    std::uint64_t low = states[0].inode, high = states[0].inode;
+    for (const auto& state : states) {
+        if (state.device != states[0].device)
+            return false;
+        low = std::min(low, state.inode);
+        high = std::max(high, state.inode);
+    }
+    if (high - low > kSpread * states.size() + 64)
+        return false;
+    if (!m_selectRange
+        && sqlite3_prepare_v3(m_db,
+               "SELECT inode, size, modified, changed, md5 FROM digests WHERE device = ?1 AND inode BETWEEN ?2 AND ?3",
+               -1, SQLITE_PREPARE_PERSISTENT, &m_selectRange, nullptr)
+            != SQLITE_OK)
+        return false;
+    // Rows come in inode order; the files are matched to them through a
+    // sorted index.
+    std::vector<std::size_t> order(states.size());
+    for (std::size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) { return states[a].inode < states[b].inode; });
+    sqlite3_reset(m_selectRange);
+    sqlite3_bind_int64(m_selectRange, 1, static_cast<std::int64_t>(states[0].device));
+    sqlite3_bind_int64(m_selectRange, 2, static_cast<std::int64_t>(low));
+    sqlite3_bind_int64(m_selectRange, 3, static_cast<std::int64_t>(high));
+    std::size_t next = 0;
+    while (sqlite3_step(m_selectRange) == SQLITE_ROW) {
+        auto inode = static_cast<std::uint64_t>(sqlite3_column_int64(m_selectRange, 0));
+        while (next < order.size() && states[order[next]].inode < inode)
+            ++next;
+        for (std::size_t k = next; k < order.size() && states[order[k]].inode == inode; ++k) {
+            const FileState& state = states[order[k]];
+            FileState stored = state;
+            stored.size = sqlite3_column_int64(m_selectRange, 1);
+            stored.modifiedNs = sqlite3_column_int64(m_selectRange, 2);
+            stored.changedNs = sqlite3_column_int64(m_selectRange, 3);
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(m_selectRange, 4));
+            if (stored == state && text)
+                digests[order[k]] = std::string(text);
+        }
+    }
+    sqlite3_reset(m_selectRange);
+    // What the memory front knows is newer than the file's rows.
+    for (std::size_t i = 0; i < states.size(); ++i) {
+        Key key{states[i].device, states[i].inode};
+        if (auto it = m_front.find(key); it != m_front.end())
+            digests[i] = it->second.first == states[i] ? std::optional(it->second.second) : std::nullopt;
+    }
+    return true;
+}
+
 void DigestCache::store(const FileState& state, const std::string& digest)
 {
+    bool wake = false;
     {
         std::lock_guard guard(m_mutex);
         remember(state, digest);
         if (m_pending.size() >= kMaxPending)
             return;
         m_pending.emplace_back(state, digest);
+        // The writer needs waking only to start its delay and once a batch
+        // is full; a wake per digest cost a switch of threads per file.
+        wake = m_pending.size() == 1 || m_pending.size() == kBatch;
     }
-    m_wake.notify_all();
+    if (wake)
+        m_wake.notify_all();
 }
 
 void DigestCache::remember(const FileState& state, const std::string& digest)
@@ -195,6 +282,8 @@ void DigestCache::closeDb()
 {
     sqlite3_finalize(m_select);
     m_select = nullptr;
+    sqlite3_finalize(m_selectRange);
+    m_selectRange = nullptr;
     if (m_db)
         sqlite3_close(m_db);
     m_db = nullptr;

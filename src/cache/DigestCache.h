@@ -49,7 +49,16 @@ public:
     std::string digestOf(const std::string& path, const std::optional<FileState>& seen = std::nullopt,
         const std::atomic<bool>* keepGoing = nullptr);
 
+    // digestOf for a file the cache has just been asked about and did not
+    // know: read at once, and kept as digestOf keeps it.
+    std::string readAndKeep(const std::string& path, const std::optional<FileState>& before,
+        const std::atomic<bool>* keepGoing = nullptr);
+
     std::optional<std::string> lookup(const FileState& state);
+    // The same for the files of one folder, in their order: files made one
+    // after another have neighbouring inodes, so one range query of the
+    // file answers them all where a query each would cost a round each.
+    void lookupMany(const std::vector<FileState>& states, std::vector<std::optional<std::string>>& digests);
     void store(const FileState& state, const std::string& digest);
     // Waits until every stored digest is in the file (or the file is gone).
     void flush();
@@ -72,6 +81,8 @@ private:
     bool openOnce(std::string& error);
     void bypass(const std::string& why);
     void remember(const FileState& state, const std::string& digest);
+    std::optional<std::string> lookupLocked(const FileState& state);
+    bool lookupRange(const std::vector<FileState>& states, std::vector<std::optional<std::string>>& digests);
     void writerLoop();
     void writeBatch(std::vector<std::pair<FileState, std::string>>& batch);
 
@@ -86,6 +97,7 @@ private:
     std::size_t m_inFlight = 0;
     sqlite3* m_db = nullptr;
     sqlite3_stmt* m_select = nullptr;
+    sqlite3_stmt* m_selectRange = nullptr;
     bool m_opened = false;
     bool m_stopping = false;
     std::string m_problem;

@@ -134,12 +134,14 @@ public:
                 fmt::format("Failed to seek to {} in {}", offset, path));
     }
 
-    // Up to `length` bytes, fewer only at the end of the file.
-    std::int64_t read(std::uint8_t* buffer, std::int64_t length, const std::string& path)
+    int fd() const { return m_fd; }
+
+    // Up to `length` bytes from `offset`, fewer only at the end of the file.
+    std::int64_t read(std::uint8_t* buffer, std::int64_t length, std::int64_t offset, const std::string& path)
     {
         std::int64_t got = 0;
         while (got < length) {
-            ssize_t n = ::read(m_fd, buffer + got, static_cast<std::size_t>(length - got));
+            ssize_t n = ::pread(m_fd, buffer + got, static_cast<std::size_t>(length - got), offset + got);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n < 0)
@@ -241,24 +243,43 @@ private:
         record.readonly = true;
     }
 
-    // The bytes from `offset` to the size the record announced.
+    // The bytes from `offset` to the size the record announced, a chunk at a
+    // time as far as the phone and the log can tell.
     void sendBytes(SourceFile& source, const std::string& path, std::int64_t offset, std::int64_t size)
     {
-        if (m_buffer.empty() && size > offset)
-            m_buffer.resize(kChunkSize);
+        bool readFile = false;
         while (size > offset) {
-            auto got = source.read(m_buffer.data(), std::min(size - offset, kChunkSize), path);
+            auto got = sendChunk(source, path, offset, std::min(size - offset, kChunkSize), readFile);
             // The file has shrunk since its record went out. Read literally,
             // the loop would wait forever for bytes that will never come; the
             // session ends instead the way a file that cannot be opened ends it.
             if (got == 0)
                 failOpen(path);
-            m_io.writeBytes(m_buffer.data(), got, kSendingData);
             offset += got;
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Sent {} bytes. Offset = {}", got, offset));
             m_bridge.setProgress(low32(offset), low32(size));
         }
+    }
+
+    // Up to `length` bytes from `offset`, fewer only at the file's end: sent
+    // from the page cache, or read and written where the file cannot be sent
+    // that way (`readFile` then stays set for the rest of the file).
+    std::int64_t sendChunk(SourceFile& source, const std::string& path, std::int64_t offset, std::int64_t length,
+        bool& readFile)
+    {
+        std::int64_t sent = 0;
+        if (!readFile) {
+            std::int64_t at = offset;
+            sent = m_io.writeFromFile(source.fd(), at, length, kSendingData, readFile);
+            if (!readFile)
+                return sent;
+        }
+        if (m_buffer.empty())
+            m_buffer.resize(kChunkSize);
+        auto got = source.read(m_buffer.data(), length - sent, offset + sent, path);
+        m_io.writeBytes(m_buffer.data(), got, kSendingData);
+        return sent + got;
     }
 
     StreamIO& m_io;

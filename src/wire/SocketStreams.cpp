@@ -4,7 +4,11 @@
 #include <cstring>
 
 #include <fmt/format.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -112,6 +116,82 @@ ssize_t OutputStream::write(const std::uint8_t* buffer, std::size_t length)
     if (errno == EAGAIN || errno == EWOULDBLOCK)
         return kWouldBlock;
     fail(errno);
+    return -1;
+}
+
+namespace {
+
+// sendfile has no MSG_NOSIGNAL: a peer gone would raise SIGPIPE. The signal
+// is held back for this thread while it sends, and one it caused is taken.
+class QuietPipe {
+public:
+    QuietPipe()
+    {
+        sigemptyset(&m_pipe);
+        sigaddset(&m_pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &m_pipe, &m_before);
+    }
+    ~QuietPipe() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    QuietPipe(const QuietPipe&) = delete;
+    QuietPipe& operator=(const QuietPipe&) = delete;
+
+    void takeRaised()
+    {
+        const timespec now{0, 0};
+        while (sigtimedwait(&m_pipe, nullptr, &now) == SIGPIPE) {
+        }
+    }
+
+private:
+    sigset_t m_pipe;
+    sigset_t m_before;
+};
+
+bool isSocketError(int error)
+{
+    switch (error) {
+    case EPIPE:
+    case ECONNRESET:
+    case ECONNABORTED:
+    case ENOTCONN:
+    case ETIMEDOUT:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+    case ENETDOWN:
+    case ENOBUFS:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+ssize_t OutputStream::writeFromFile(int fileFd, std::int64_t& offset, std::size_t length)
+{
+    // sendfile takes no MSG_DONTWAIT; the socket itself must not block, and
+    // every other call on it already passes MSG_DONTWAIT.
+    int flags = ::fcntl(fd(), F_GETFL);
+    if (flags < 0 || (!(flags & O_NONBLOCK) && ::fcntl(fd(), F_SETFL, flags | O_NONBLOCK) != 0))
+        return kFileTrouble;
+    QuietPipe quiet;
+    ssize_t n;
+    off_t at = static_cast<off_t>(offset);
+    do {
+        n = ::sendfile(fd(), fileFd, &at, length);
+    } while (n < 0 && errno == EINTR);
+    if (n >= 0) {
+        offset = at;
+        return n;
+    }
+    int error = errno;
+    if (error == EAGAIN)
+        return kWouldBlock;
+    if (!isSocketError(error))
+        return kFileTrouble;
+    if (error == EPIPE)
+        quiet.takeRaised();
+    fail(error);
     return -1;
 }
 

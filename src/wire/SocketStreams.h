@@ -45,6 +45,9 @@ private:
 
 // What a read or write call returns when the socket has nothing for it yet.
 inline constexpr ssize_t kWouldBlock = -2;
+// What a write from a file returns when the file, not the socket, failed
+// (or cannot be sent from): the caller reads it instead.
+inline constexpr ssize_t kFileTrouble = -3;
 
 // Common part of the two streams: status, error, close, event hook.
 class SocketStream {
@@ -99,6 +102,10 @@ public:
     bool hasSpaceAvailable() const;
     // Bytes written, -1 on error, kWouldBlock when the socket is full.
     ssize_t write(const std::uint8_t* buffer, std::size_t length);
+    // Up to `length` bytes of a file from `offset` (moved on), straight from
+    // the page cache: bytes written, 0 at the file's end, -1 on a socket
+    // error, kWouldBlock when the socket is full, kFileTrouble.
+    ssize_t writeFromFile(int fileFd, std::int64_t& offset, std::size_t length);
     bool waitWritable(int timeoutMs) const { return waitFor(POLLOUT, timeoutMs); }
 
 private:

@@ -30,6 +30,8 @@ std::mutex& writeLock()
 // How long one wait for the peer lasts before the status is looked at again;
 // close() wakes the wait at once, so this only bounds an unforeseen stall.
 constexpr int kWaitSliceMs = 500;
+// A write from a file that met the file's end.
+constexpr ssize_t kFileEnd = -4;
 
 // A length from the wire is not trusted for an allocation: a string is read
 // into blocks allocated as its bytes arrive, the first one small, so a
@@ -239,7 +241,8 @@ bool StreamIO::takeLargeRead()
     return std::exchange(m_largeRead, false);
 }
 
-std::optional<std::int64_t> StreamIO::writePass(const std::uint8_t* source, std::int64_t want)
+template <typename Send>
+std::optional<std::int64_t> StreamIO::writePass(const Send& send)
 {
     std::lock_guard lock(writeLock());
     auto status = m_output.status();
@@ -253,36 +256,63 @@ std::optional<std::int64_t> StreamIO::writePass(const std::uint8_t* source, std:
     }
     if (!m_output.hasSpaceAvailable())
         return std::nullopt;
-    auto n = m_output.write(source, static_cast<std::size_t>(want));
+    auto n = send();
     if (n == kWouldBlock)
         return std::nullopt;
+    if (n == kFileTrouble || n == kFileEnd)
+        return n;
     if (n < 0)
         logStatus(StreamStatus::Error, m_output);
     return static_cast<std::int32_t>(n);
 }
 
-void StreamIO::writeBytes(const std::uint8_t* source, std::int64_t length, const std::string& context)
+template <typename Pass>
+std::int64_t StreamIO::writeLoop(std::int64_t length, const std::string& context, const Pass& pass)
 {
     if (length < 0)
         throw SyncException("Negative Length Packet To Write?", "");
     std::int64_t written = 0;
-    std::int32_t pass = 1;
+    std::int32_t passes = 1;
     while (written < length) {
-        if (pass % 10000000 == 0)
+        if (passes % 10000000 == 0)
             m_log.logInfo("Are we sending a huge file, or stuck in a loop?");
-        auto yield = writePass(source, length - written);
+        auto yield = pass(written, length - written);
         if (!yield) {
             m_output.waitWritable(kWaitSliceMs);
             continue;
         }
+        if (*yield == kFileTrouble || *yield == kFileEnd)
+            break;
         if (*yield == 0)
             throw SyncException("End of stream while writing data", fmt::format("End of stream {}", context));
         if (*yield < 0)
             throw SyncException("Error occurred while writing data", fmt::format("Stream error {}", context));
-        source += *yield;
         written += *yield;
-        ++pass;
+        ++passes;
     }
+    return written;
+}
+
+void StreamIO::writeBytes(const std::uint8_t* source, std::int64_t length, const std::string& context)
+{
+    writeLoop(length, context, [&](std::int64_t written, std::int64_t want) {
+        return writePass([&] { return m_output.write(source + written, static_cast<std::size_t>(want)); });
+    });
+}
+
+std::int64_t StreamIO::writeFromFile(
+    int fileFd, std::int64_t& offset, std::int64_t length, const std::string& context, bool& readInstead)
+{
+    readInstead = false;
+    return writeLoop(length, context, [&](std::int64_t, std::int64_t want) {
+        auto yield = writePass([&]() -> ssize_t {
+            ssize_t n = m_output.writeFromFile(fileFd, offset, static_cast<std::size_t>(want));
+            return n == 0 ? kFileEnd : n;
+        });
+        if (yield == kFileTrouble)
+            readInstead = true;
+        return yield;
+    });
 }
 
 void StreamIO::writeData(const Bytes& data, const std::string& context)

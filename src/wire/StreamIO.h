@@ -41,6 +41,13 @@ public:
     bool takeLargeRead();
 
     void writeBytes(const std::uint8_t* source, std::int64_t length, const std::string& context);
+    // Up to `length` bytes of a file from `offset` (moved on), sent without
+    // passing through user space, under the same lock and with the same
+    // failures as writeBytes of those bytes. Fewer bytes come back only at
+    // the file's end, or with `readInstead` set when the file cannot be sent
+    // this way (the caller reads it from `offset` instead).
+    std::int64_t writeFromFile(
+        int fileFd, std::int64_t& offset, std::int64_t length, const std::string& context, bool& readInstead);
     void writeData(const Bytes& data, const std::string& context);
     void writeDataPacket(std::uint8_t code, const Bytes& data, const std::string& context);
     void writeErrorPacket(std::uint8_t code, const std::exception& failure, const std::string& context);
@@ -59,7 +66,11 @@ private:
     void readLoop(std::int64_t length, const std::string& context, Sink& sink);
     // One guarded pass; returns the yield, or nullopt when it must wait.
     std::optional<std::int64_t> readPass(std::uint8_t* dest, std::int64_t want);
-    std::optional<std::int64_t> writePass(const std::uint8_t* source, std::int64_t want);
+    // One guarded pass of `send`; returns the yield, or nullopt when it must wait.
+    template <typename Send>
+    std::optional<std::int64_t> writePass(const Send& send);
+    template <typename Pass>
+    std::int64_t writeLoop(std::int64_t length, const std::string& context, const Pass& pass);
     void logStatus(StreamStatus status, const SocketStream& stream);
 
     InputStream& m_input;

@@ -1,7 +1,9 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -74,6 +76,42 @@ TEST_F(DigestCacheTest, ADamagedFileIsRebuiltAndAnUnusableOneBypassed)
     EXPECT_EQ(unusable.digestOf(f.string()), md5("contents"));
     EXPECT_TRUE(unusable.takeProblem());
     EXPECT_EQ(unusable.digestOf(f.string()), md5("contents"));
+}
+
+// Past what the memory front holds after a restart, a folder of neighbouring
+// inodes is answered by the file at once, as file by file; an unchanged
+// state is known, a changed or unknown one is not, wherever it lies.
+TEST_F(DigestCacheTest, AFolderOfNeighboursIsAnsweredFromTheFileAtOnce)
+{
+    auto state = [](std::uint64_t inode, std::int64_t size) {
+        FileState s;
+        s.device = 7;
+        s.inode = inode;
+        s.size = size;
+        s.modifiedNs = 1;
+        s.changedNs = 2;
+        return s;
+    };
+    {
+        auto cache = open();
+        for (std::uint64_t i = 1; i <= 25000; ++i) {
+            cache->store(state(i, 10), md5(std::to_string(i)));
+            if (i % 5000 == 0)
+                cache->flush();
+        }
+    }
+    auto cache = open();
+    std::vector<std::optional<std::string>> got;
+    for (const std::vector<FileState>& folder : {
+             std::vector<FileState>{state(24998, 10), state(24996, 10), state(24997, 11), state(25003, 10)},
+             std::vector<FileState>{state(24003, 10), state(3, 10), state(2, 11), state(900000, 10)}}) {
+        cache->lookupMany(folder, got);
+        ASSERT_EQ(got.size(), folder.size());
+        for (std::size_t i = 0; i < folder.size(); ++i) {
+            bool kept = folder[i].size == 10 && folder[i].inode <= 25000;
+            EXPECT_EQ(got[i], kept ? std::optional(md5(std::to_string(folder[i].inode))) : std::nullopt) << i;
+        }
+    }
 }
 
 } // namespace

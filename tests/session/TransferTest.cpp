@@ -153,8 +153,21 @@ TEST_F(TransferTest, DownloadOfAnythingButAPlainFileFailsLikeAFileThatCannotBeOp
     EXPECT_TRUE(log.contains("Sending: (null). Offset = 0"));
 }
 
+// Sent from the page cache, a file sends what its record announced: one
+// that grows meanwhile sends no more, one that shrinks ends the session.
 TEST_F(TransferTest, DownloadOfAFileThatShrinksEndsTheSessionInsteadOfWaitingForever)
 {
+    const auto growing = at("growing.bin");
+    std::ofstream(growing, std::ios::binary).close();
+    fs::resize_file(growing, 8 << 20);
+    auto s = newSession();
+    download(*s, downloadFields(1, {{growing.string(), 0}}, false));
+    EXPECT_EQ(readRecord(s->phone).size, 8u << 20);
+    fs::resize_file(growing, 9 << 20);
+    EXPECT_EQ(s->phone.readExact(8 << 20), Bytes(8 << 20, 0));
+    EXPECT_EQ(s->phone.readExact(79), BitHelper::encodeFileSyncInfo(FileSyncInfo::finish()));
+    s->expectAnswered();
+
     const auto path = at("shrinking.bin");
     std::ofstream(path, std::ios::binary).close();
     fs::resize_file(path, 64 << 20); // sparse: far more than the socket buffers hold
