@@ -222,9 +222,11 @@ int ActivityStore::emptyKept()
 int ActivityStore::purge(const KeepLimits& limits, std::int64_t nowMs)
 {
     int purged = 0;
-    // Items the person removed from the trash meanwhile are gone already.
+    // Items the person removed from the trash meanwhile are gone already;
+    // a trash missing whole is on a volume not mounted now (a stick
+    // unplugged), whose items are still there for when it comes back.
     for (const auto& change : query(" WHERE state = 'kept'", {}))
-        if (!fs::exists(fs::symlink_status(change.keptAs)))
+        if (!fs::exists(fs::symlink_status(change.keptAs)) && fs::is_directory(Trash::trashDirOf(change.keptAs)))
             purged += purgeOne(change) ? 1 : 0;
     std::int64_t days = std::clamp(limits.days, 0, kRetentionDays);
     for (const auto& change : query(" WHERE state = 'kept' AND at < ?1 ORDER BY at", {nowMs - days * kDayMs}))

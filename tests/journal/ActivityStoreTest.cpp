@@ -87,6 +87,16 @@ TEST(ActivityStore, PurgesByAgeOnlyWhatItKept)
     fs::remove(more[0].keptAs);
     EXPECT_EQ(store->purge({30, 100}, nowMs()), 1);
     EXPECT_EQ(store->keptBytes(), 0);
+
+    // A trash that is not there at all is a volume not mounted now (a stick
+    // unplugged): its items stay kept until it comes back.
+    std::vector<Change> away{keptEntry(home.write("e", "eee"), 1)};
+    ASSERT_TRUE(store->insert(away));
+    const fs::path trash = Trash::trashDirOf(away[0].keptAs);
+    fs::rename(trash, trash.string() + ".unplugged");
+    EXPECT_EQ(store->purge({30, 100}, nowMs()), 0);
+    fs::rename(trash.string() + ".unplugged", trash);
+    EXPECT_EQ(store->keptBytes(), 3);
 }
 
 // On a 1 MiB volume, 10 % is about 100 KiB: of three kept items of 60 KiB,
