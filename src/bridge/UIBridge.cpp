@@ -22,18 +22,17 @@ void UIBridge::logInfo(const std::string& message) const { log(message); }
 void UIBridge::logMessage(const std::string& message) const { log(message); }
 void UIBridge::logAlways(const std::string& message) const { SystemLog::write(message); }
 
-std::int32_t UIBridge::percent(std::int32_t done, std::int32_t total)
+int UIBridge::percent(std::int64_t done, std::int64_t total)
 {
-    if (total == 0)
+    if (total <= 0 || done <= 0)
         return 0;
-    // Wraps like the 32-bit multiplication it stands for.
-    auto times100 = static_cast<std::int32_t>(static_cast<std::uint32_t>(done) * 100u);
-    if (total == -1 && times100 == INT32_MIN)
-        return times100;
-    return times100 / total;
+    if (done >= total)
+        return 100;
+    // 128 bits: done * 100 overflows 64 bits past 92 PB.
+    return static_cast<int>(static_cast<__int128>(done) * 100 / total);
 }
 
-void UIBridge::setProgress(std::int32_t done, std::int32_t total) const
+void UIBridge::setProgress(std::int64_t done, std::int64_t total) const
 {
     auto view = settingsDialog();
     if (!view)

@@ -41,10 +41,12 @@ public:
     // Whether log lines go anywhere at all: a caller whose line is costly to
     // build (it quotes what a phone sent) asks first.
     bool logging() const;
-    // percent = done * 100 / total in 32-bit arithmetic, overflowing past
-    // 21,474,836. kept: see docs/protocol.md (32-bit progress)
-    void setProgress(std::int32_t done, std::int32_t total) const;
-    static std::int32_t percent(std::int32_t done, std::int32_t total);
+    // percent = done * 100 / total from the 64-bit offset and size, held
+    // to 0-100; 0 when total is 0 or less. Only the desktop's progress bar
+    // reads it, so it may be right where 32 bits were not.
+    // see docs/protocol.md (progress in 64 bits)
+    void setProgress(std::int64_t done, std::int64_t total) const;
+    static int percent(std::int64_t done, std::int64_t total);
     // Posts a notification through the installed notifier, if any.
     void notify(const std::string& title, const std::string& description, const std::string& name) const;
 

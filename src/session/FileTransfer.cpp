@@ -88,9 +88,8 @@ public:
     UploadHold& operator=(const UploadHold&) = delete;
 };
 
-// Counts travel as 64 bits but only their low 32 bits count, signed, and
-// progress passes 32-bit values too.
-// kept: see docs/protocol.md (32-bit counts, 32-bit progress)
+// Counts travel as 64 bits but only their low 32 bits count, signed.
+// kept: see docs/protocol.md (32-bit counts)
 std::int32_t low32(std::int64_t value)
 {
     return static_cast<std::int32_t>(value);
@@ -258,7 +257,7 @@ private:
             offset += got;
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Sent {} bytes. Offset = {}", got, offset));
-            m_bridge.setProgress(low32(offset), low32(size));
+            m_bridge.setProgress(offset, size);
         }
     }
 
@@ -407,7 +406,7 @@ private:
                 partial->flushInBackground();
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, offset + received));
-            m_bridge.setProgress(low32(received), low32(file.size));
+            m_bridge.setProgress(received, file.size);
         }
         if (partial) {
             partial->flush();

@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -14,12 +15,19 @@ public:
 
 } // namespace
 
-TEST(UIBridge, ProgressIsThirtyTwoBitPercent)
+TEST(UIBridge, ProgressIsA64BitPercentHeldTo0To100)
 {
     EXPECT_EQ(UIBridge::percent(1, 3), 33);
     EXPECT_EQ(UIBridge::percent(5, 0), 0);
-    // done * 100 wraps past 21,474,836 (kept: see docs/protocol.md).
-    EXPECT_EQ(UIBridge::percent(21474837, 21474837), (21474837 * 100LL - (1LL << 32)) / 21474837);
+    // Past 21 MB done * 100 wrapped in 32 bits, past 4 GiB done and total did.
+    constexpr std::int64_t k3GB = 3'000'000'000, k6GB = 6'000'000'000;
+    EXPECT_EQ(UIBridge::percent(21474837, 21474837), 100);
+    EXPECT_EQ(UIBridge::percent(k3GB / 2, k3GB), 50);
+    EXPECT_EQ(UIBridge::percent(k6GB * 3 / 4, k6GB), 75);
+    EXPECT_EQ(UIBridge::percent(k6GB - 1, k6GB), 99);
+    EXPECT_EQ(UIBridge::percent(INT64_MAX - 1, INT64_MAX), 99);
+    EXPECT_EQ(UIBridge::percent(k6GB + 1, k6GB), 100); // a file that grew meanwhile
+    EXPECT_EQ(UIBridge::percent(-1, k6GB), 0);
 
     UIBridge bridge;
     bridge.setProgress(1, 2); // nobody attached: nothing happens
