@@ -180,19 +180,12 @@ void SettingsDialog::updateSaveButton()
     m_ui->saveButton->setText(tr("Save"));
     m_ui->saveButton->setEnabled(true);
     m_ui->cancelButton->setEnabled(true);
-    showSaveHint(false, false);
+    showSaveHint(false);
 }
 
-void SettingsDialog::showSaveHint(bool passwordMissing, bool portOutOfRange)
+void SettingsDialog::showSaveHint(bool portOutOfRange)
 {
-    QString hint;
-    if (passwordMissing && portOutOfRange)
-        hint = tr("Enter a password and a port from 1024 to 65535 to save");
-    else if (passwordMissing)
-        hint = tr("Enter a password to save");
-    else if (portOutOfRange)
-        hint = tr("Enter a port from 1024 to 65535 to save");
-    m_ui->saveHint->setText(hint);
+    m_ui->saveHint->setText(portOutOfRange ? tr("Enter a port from 1024 to 65535 to save") : QString());
 }
 
 void SettingsDialog::controlTextDidChange(QLineEdit* field)
@@ -215,15 +208,16 @@ void SettingsDialog::controlTextDidChange(QLineEdit* field)
     }
     // value - 1024 as an unsigned 32-bit number below 64512: 1024 to 65535.
     const auto offset = static_cast<std::uint32_t>(intValue(m_ui->portField->text())) - 1024u;
-    const bool passwordMissing = m_ui->passwordField->text().isEmpty();
     const bool portOutOfRange = offset >= 64512u;
     const bool addressInvalid = !m_advanced->listenAddressIsValid();
-    if (passwordMissing || portOutOfRange || addressInvalid)
+    // An empty password field keeps the stored hash, as its placeholder
+    // says, so only the port and the address can keep Save disabled.
+    // see docs/protocol.md (Save with an empty password)
+    if (portOutOfRange || addressInvalid)
         m_ui->saveButton->setEnabled(false);
-    // Saving needs the password typed again after any edit; say so, or the
-    // disabled button looks broken.
-    showSaveHint(passwordMissing, portOutOfRange);
-    if (addressInvalid && !passwordMissing && !portOutOfRange)
+    // Say what is wrong, or the disabled button looks broken.
+    showSaveHint(portOutOfRange);
+    if (addressInvalid && !portOutOfRange)
         m_ui->saveHint->setText(tr("Enter an IPv4 address such as 192.168.1.20 to listen on, or none, to save"));
 }
 
@@ -242,7 +236,7 @@ int SettingsDialog::intValue(const QString& text)
 
 void SettingsDialog::save()
 {
-    showSaveHint(false, false);
+    showSaveHint(false);
     m_ui->saveButton->setText(tr("Saving..."));
     m_ui->saveButton->setEnabled(false);
     m_ui->cancelButton->setEnabled(false);

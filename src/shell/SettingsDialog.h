@@ -83,7 +83,7 @@ private:
     void scrollToBottom();
     Form readForm() const;
     void closeAfterSave();
-    void showSaveHint(bool passwordMissing, bool portOutOfRange);
+    void showSaveHint(bool portOutOfRange);
 
     static void saveSub(std::shared_ptr<App> app, std::shared_ptr<Settings> settings, Form form,
                         std::shared_ptr<GuiRelay<SettingsDialog>> relay);

@@ -82,10 +82,10 @@ protected:
     std::unique_ptr<SettingsDialog> m_dialog;
 };
 
-TEST_F(SettingsDialogTest, SaveNeedsAPasswordAndAPortFrom1024To65535AfterAnEditAndSaysSo)
+TEST_F(SettingsDialogTest, SaveNeedsAPortFrom1024To65535AndSaysSoButNotAPassword)
 {
     auto* hint = control<QLabel>("saveHint");
-    EXPECT_TRUE(saveButton()->isEnabled()) << "before any edit, even with an empty password";
+    EXPECT_TRUE(saveButton()->isEnabled());
     EXPECT_TRUE(hint->text().isEmpty());
     // The port field drops what is not a digit, where it is typed.
     type(port(), "35a0b0");
@@ -94,23 +94,23 @@ TEST_F(SettingsDialogTest, SaveNeedsAPasswordAndAPortFrom1024To65535AfterAnEditA
     QTest::keyClicks(port(), "x");
     EXPECT_EQ(port()->text(), "3500");
     EXPECT_EQ(port()->cursorPosition(), 1);
+    EXPECT_TRUE(saveButton()->isEnabled()) << "an empty password field keeps the stored password";
 
-    type(password(), "secret");
     for (const char* text : {"1023", "65536", "0", "99999999999"}) {
         type(port(), text);
         EXPECT_FALSE(saveButton()->isEnabled()) << text;
         EXPECT_EQ(hint->text(), "Enter a port from 1024 to 65535 to save") << text;
     }
-    for (const char* text : {"1024", "65535"}) {
-        type(port(), text);
-        EXPECT_TRUE(saveButton()->isEnabled()) << text;
-        EXPECT_TRUE(hint->text().isEmpty()) << text;
+    for (const char* password : {"secret", ""}) {
+        type(this->password(), password);
+        EXPECT_FALSE(saveButton()->isEnabled()) << "port still 99999999999";
+        for (const char* text : {"1024", "65535"}) {
+            type(port(), text);
+            EXPECT_TRUE(saveButton()->isEnabled()) << text << " with password '" << password << "'";
+            EXPECT_TRUE(hint->text().isEmpty()) << text;
+        }
+        type(port(), "1");
     }
-    type(password(), "");
-    EXPECT_FALSE(saveButton()->isEnabled());
-    EXPECT_EQ(hint->text(), "Enter a password to save");
-    type(port(), "1");
-    EXPECT_EQ(hint->text(), "Enter a password and a port from 1024 to 65535 to save");
     m_dialog->_updateForm();
     EXPECT_TRUE(hint->text().isEmpty()) << "a refilled form starts without a hint";
 }
@@ -136,17 +136,20 @@ TEST_F(SettingsDialogTest, SaveRestartsTheServerOnTheNewPortAndWritesTheFile)
     EXPECT_TRUE(saveButton()->isEnabled());
 }
 
-TEST_F(SettingsDialogTest, EmptyPasswordKeepsTheHashAndUntickingStartAtLoginRemovesTheItemOnSave)
+TEST_F(SettingsDialogTest, APortOnlyEditSavesKeepingTheHashAndUntickingStartAtLoginRemovesTheItem)
 {
     const std::string before = m_settings->getHashedPassword();
     const fs::path entry = Settings::autostartEntryPath();
     ASSERT_TRUE(fs::exists(entry));
+    const std::uint16_t newPort = freePort();
+    type(port(), QString::number(newPort)); // a port-only edit
     control<QCheckBox>("startOnLoginCheckbox")->setChecked(false);
     EXPECT_TRUE(fs::exists(entry)) << "nothing changes before Save";
     save();
     EXPECT_FALSE(fs::exists(entry));
     Settings stored(Settings::NoLoginItems{});
     EXPECT_EQ(stored.getHashedPassword(), before);
+    EXPECT_EQ(stored.getPort(), newPort);
     EXPECT_FALSE(stored.getStartOnLogin());
 }
 
