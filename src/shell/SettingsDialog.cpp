@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <QMessageBox>
 #include <QScrollBar>
 #include <QTimer>
 #include <QTextCharFormat>
@@ -162,9 +163,10 @@ void SettingsDialog::updateStatusLine()
     m_ui->statusLine->setText(status);
 }
 
-void SettingsDialog::setAppButtonsVisible(bool visible)
+void SettingsDialog::setStandalone(bool standalone)
 {
-    m_ui->appButtons->setVisible(visible);
+    m_standalone = standalone;
+    m_ui->appButtons->setVisible(standalone);
 }
 
 void SettingsDialog::_getAndSetIPAddresses()
@@ -300,15 +302,37 @@ void SettingsDialog::enforceLoginChoice(bool startAtLogin)
 
 void SettingsDialog::closeAfterSave()
 {
-    // Save keeps its "Saving..." title until the next opening refills the form.
-    hide();
+    // Save keeps its "Saving..." title until the next opening refills the
+    // form; a standalone window, the only way back in, is refilled at once.
+    if (m_standalone)
+        _updateForm();
+    else
+        hide();
     if (trayMenu)
         trayMenu->watchServer();
 }
 
 void SettingsDialog::cancel()
 {
-    hide();
+    if (m_standalone)
+        _updateForm();
+    else
+        hide();
+}
+
+void SettingsDialog::reject()
+{
+    if (!m_standalone || m_quitting) {
+        QDialog::reject();
+        return;
+    }
+    const bool quit = m_confirmQuit ? m_confirmQuit()
+                                    : QMessageBox::question(this, tr("Quit Zandrel Sync?"),
+                                          tr("This window is the only way back to Zandrel Sync on this desktop. "
+                                             "Closing it quits, and phones can no longer connect. Quit?"))
+            == QMessageBox::Yes;
+    if (quit)
+        emit quitRequested();
 }
 
 void SettingsDialog::setProgress(int percent)

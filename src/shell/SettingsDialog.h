@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include <QColor>
@@ -51,16 +52,29 @@ public:
     // on which port and address, or why not. Refreshed while the window is
     // shown; public so the status is current the moment it is asked for.
     void updateStatusLine();
-    // About, Check For Update and Quit in the window itself, for desktops
-    // that show no tray icon.
-    void setAppButtonsVisible(bool visible);
+    // On desktops that show no tray icon the window is the whole interface:
+    // it offers About, Check For Update and Quit itself, stays open after
+    // Save and Cancel, and closing it quits, after asking.
+    void setStandalone(bool standalone);
+    // Asked before a standalone window's closing quits; true quits. A
+    // message box unless a test puts something else.
+    void setQuitConfirmation(std::function<bool()> confirm) { m_confirmQuit = std::move(confirm); }
+    // The application is quitting: the window closes without asking (a
+    // window that refuses to close would cancel the quit).
+    void allowClosing() { m_quitting = true; }
 
     std::shared_ptr<Settings> settings() const { return m_settings; }
     void setSettings(std::shared_ptr<Settings> settings) { m_settings = std::move(settings); }
 
+signals:
+    // A standalone window was closed and the person confirmed quitting.
+    void quitRequested();
+
 public slots:
     void save();
     void cancel();
+    // Escape and the window's close button.
+    void reject() override;
 
 private:
     // What the save thread applies, read from the form on the GUI thread.
@@ -99,4 +113,7 @@ private:
     class QTimer* m_statusTimer = nullptr;
     AdvancedSettings* m_advanced = nullptr;
     SafetySettings* m_safety = nullptr;
+    bool m_standalone = false;
+    bool m_quitting = false;
+    std::function<bool()> m_confirmQuit;
 };

@@ -116,13 +116,14 @@ void TrayMenu::_genMainMenu()
 void TrayMenu::openSettings()
 {
     if (m_settingsWindow) {
-        m_settingsWindow->setAppButtonsVisible(!QSystemTrayIcon::isSystemTrayAvailable());
+        m_settingsWindow->setStandalone(!QSystemTrayIcon::isSystemTrayAvailable());
         m_settingsWindow->_updateForm();
         bringToFront(m_settingsWindow.get());
         return;
     }
     m_settingsWindow = std::make_unique<SettingsDialog>();
-    m_settingsWindow->setAppButtonsVisible(!QSystemTrayIcon::isSystemTrayAvailable());
+    m_settingsWindow->setStandalone(!QSystemTrayIcon::isSystemTrayAvailable());
+    connect(m_settingsWindow.get(), &SettingsDialog::quitRequested, this, &TrayMenu::actionQuit);
     bringToFront(m_settingsWindow.get());
     _app->addSettingsDialog(m_settingsWindow->progressView());
     m_settingsWindow->addApp(_app, this);
@@ -137,6 +138,8 @@ void TrayMenu::openActivity()
 
 void TrayMenu::actionQuit()
 {
+    if (m_settingsWindow)
+        m_settingsWindow->allowClosing();
     QCoreApplication::quit();
 }
 

@@ -4,6 +4,7 @@
 #include <QAction>
 #include <QCoreApplication>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMenu>
 #include <QPointer>
 #include <QPushButton>
@@ -100,6 +101,26 @@ TEST_F(TrayMenuTest, LaunchStartsTheServerAndWithoutATrayShowsTheSettings)
     EXPECT_TRUE(about->isVisible());
     window->findChild<QPushButton*>("checkForUpdateButton")->click();
     EXPECT_TRUE(waitUntil([&] { return m_tray->updateWindow() != nullptr; }));
+
+    // Save and Cancel leave the only window open; closing it quits, after asking.
+    auto* port = window->findChild<QLineEdit*>("portField");
+    port->setText("4000");
+    window->findChild<QPushButton*>("cancelButton")->click();
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(port->text(), QString::number(m_tray->app()->settings()->getPort())) << "edits dropped";
+    auto* save = window->findChild<QPushButton*>("saveButton");
+    save->click();
+    ASSERT_TRUE(waitUntil([&] { return save->text() == "Save"; }, std::chrono::seconds(10)));
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_TRUE(save->isEnabled());
+    int quits = 0;
+    QObject::connect(window, &SettingsDialog::quitRequested, [&] { ++quits; });
+    for (bool answer : {false, true}) {
+        window->setQuitConfirmation([answer] { return answer; });
+        EXPECT_FALSE(window->close()) << "still open while it asks, and after a no";
+        EXPECT_TRUE(window->isVisible());
+        EXPECT_EQ(quits, answer ? 1 : 0);
+    }
 }
 
 TEST_F(TrayMenuTest, APortInUseIsNotifiedAndShownInTheStatusLine)
