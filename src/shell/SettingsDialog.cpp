@@ -119,7 +119,9 @@ void SettingsDialog::_updateForm()
 {
     if (!m_settings)
         return;
-    m_ui->versionField->setText(QString::fromStdString(m_settings->getVersion()));
+    // The product and its version; the label phones receive in the
+    // identifier (getVersion) names another platform's build.
+    m_ui->versionField->setText(tr("Zandrel Sync %1").arg(QString::fromStdString(Settings::getVersionAPI())));
     m_ui->hostnameField->setText(QString::fromStdString(Settings::computerName()));
     m_ui->usernameField->setText(QString::fromStdString(Settings::userName()));
     m_ui->progressBar->setValue(0);

@@ -18,6 +18,7 @@
 #include "support/TestSupport.h"
 #include "server/App.h"
 #include "bridge/UIBridge.h"
+#include "settings/HostInfo.h"
 #include "settings/Settings.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/SettingsDialog.h"
@@ -202,31 +203,17 @@ TEST_F(SettingsDialogTest, ProgressArrivesFromAnyThreadAndTheLogViewStaysEmpty)
 
 TEST_F(SettingsDialogTest, HostDetailsAreShownAsWrittenEvenWhenTheyLookLikeMarkup)
 {
-    m_settings->setVersion("<b>1.5.0</b>");
+    m_home.write("machine-info", "PRETTY_HOSTNAME=\"<b>Office</b>\"\n");
+    HostInfo::setMachineInfoPath((m_home.path() / "machine-info").string());
     m_dialog->_updateForm();
+    HostInfo::setMachineInfoPath("/etc/machine-info");
     // What a person can select is what is shown.
-    auto* version = control<QLabel>("versionField");
-    version->setSelection(0, static_cast<int>(version->text().size()));
-    EXPECT_EQ(version->selectedText(), "<b>1.5.0</b>");
-}
-
-TEST_F(SettingsDialogTest, ChosenAddressBecomesTheLastIPAndIsListedFirstNextTime)
-{
-    auto* popup = control<QComboBox>("addressesPopup");
-    if (popup->count() < 2)
-        GTEST_SKIP() << "needs two IPv4 addresses: run inside a private network namespace";
-    EXPECT_EQ(popup->currentIndex(), 0);
-    EXPECT_EQ(control<QLabel>("statusLine")->text(),
-              QStringLiteral("Serving on port %1 at %2").arg(m_settings->getPort()).arg(popup->itemText(0)));
-    const QString second = popup->itemText(1);
-    popup->setCurrentIndex(1);
-    save();
-    EXPECT_EQ(m_settings->getLastIP(), second.toStdString());
-    EXPECT_EQ(Settings(Settings::NoLoginItems{}).getLastIP(), second.toStdString());
-
-    m_dialog->_updateForm();
-    EXPECT_EQ(popup->itemText(0), second);
-    EXPECT_EQ(popup->currentIndex(), 0);
+    auto* host = control<QLabel>("hostnameField");
+    host->setSelection(0, static_cast<int>(host->text().size()));
+    EXPECT_EQ(host->selectedText(), "<b>Office</b>");
+    // The product's name, while phones keep receiving the version label.
+    EXPECT_EQ(control<QLabel>("versionField")->text(), "Zandrel Sync " ZANDREL_VERSION);
+    EXPECT_EQ(m_settings->getIdentifier().rfind("ZandrelSync4Mac " ZANDREL_VERSION ":", 0), 0u);
 }
 
 } // namespace
