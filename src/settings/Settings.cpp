@@ -90,6 +90,7 @@ void Settings::readPreferences()
     {
         std::lock_guard lock(m_mutex);
         setDefaults();
+        m_readError.reset();
     }
     const std::string path = preferencesPath();
     std::error_code ec;
@@ -104,6 +105,8 @@ void Settings::readPreferences()
         } else {
             // Defaults stay; the bad file is left alone until the next save.
             SystemLog::write(fmt::format("Error reading plist: {}, format: {}", file.error, file.format));
+            std::lock_guard lock(m_mutex);
+            m_readError = file.error;
         }
     }
     // The stored last IP stays first while the machine still has it;
@@ -113,6 +116,12 @@ void Settings::readPreferences()
         std::lock_guard lock(m_mutex);
         m_lastIP = addresses.front();
     }
+}
+
+std::optional<std::string> Settings::readError() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_readError;
 }
 
 void Settings::applyFileKeys(void* root)

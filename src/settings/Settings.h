@@ -26,6 +26,9 @@ public:
 
     void readPreferences();
     void writePreferences();
+    // Why the settings file could not be read at the last readPreferences
+    // (the defaults are in force then); nothing when it was read or created.
+    std::optional<std::string> readError() const;
 
     // IPv4 addresses of this machine, lastIP first, loopback never.
     std::vector<std::string> validIPAddresses() const;
@@ -121,4 +124,5 @@ private:
     std::optional<bool> m_keepReplaced;
     std::optional<std::int32_t> m_keepDays;
     std::optional<std::int32_t> m_keepPercent;
+    std::optional<std::string> m_readError;
 };

@@ -47,10 +47,23 @@ void TrayMenu::applicationDidFinishLaunching()
     _settings = std::make_shared<Settings>();
     _app = std::make_shared<App>(_settings);
     _app->uiBridge()->setNotifier(m_notifier);
+    reportUnreadableSettings();
     checkForUpdate(m_notifier);
     showStatusItem();
     _app->start();
     watchServer();
+}
+
+void TrayMenu::reportUnreadableSettings()
+{
+    const std::optional<std::string> why = _settings->readError();
+    if (!why || !m_notifier)
+        return;
+    const QString message = tr("The settings file %1 could not be read (%2). The default settings are in use; "
+                               "saving the settings window replaces the file with them.")
+                                .arg(QString::fromStdString(Settings::preferencesPath()), QString::fromStdString(*why));
+    m_notifier->notify(QT_TRANSLATE_NOOP("DesktopNotifier", "Zandrel Sync Settings Not Read"), message.toStdString(),
+                       "SETTINGSERROR");
 }
 
 void TrayMenu::watchServer()

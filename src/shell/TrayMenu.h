@@ -66,6 +66,9 @@ private:
     void _generateMenu();
     void _genMainMenu();
     void showStatusItem();
+    // One notice naming the file, what is wrong with it and that the
+    // defaults are in use (the log keeps its own line).
+    void reportUnreadableSettings();
     static void bringToFront(QWidget* window);
 
     std::shared_ptr<Notifier> m_notifier;

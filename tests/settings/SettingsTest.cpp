@@ -232,6 +232,12 @@ TEST_F(SettingsTest, UnreadableFileKeepsDefaultsLogsAndIsLeftAlone)
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_THAT(lines[0], ::testing::MatchesRegex("Error reading plist: .+, format: " + std::to_string(c.format)));
         EXPECT_EQ(readFile(prefsPath()), c.contents);
+        // What the front ends tell the person, read again from a good file.
+        ASSERT_TRUE(s.readError().has_value());
+        EXPECT_NE(lines[0].find(*s.readError()), std::string::npos);
+        s.writePreferences();
+        s.readPreferences();
+        EXPECT_FALSE(s.readError().has_value());
     }
 }
 
