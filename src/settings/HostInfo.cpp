@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <climits>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <vector>
@@ -21,6 +22,7 @@ namespace {
 
 std::mutex g_pathMutex;
 std::string g_machineInfoPath = "/etc/machine-info";
+std::string g_programPath; // empty: the running program's
 
 // The value part of a shell-style assignment: quotes removed, backslash
 // escapes resolved, unquoted trailing blanks dropped.
@@ -116,6 +118,11 @@ std::string userName()
 
 std::string programPath()
 {
+    {
+        std::lock_guard lock(g_pathMutex);
+        if (!g_programPath.empty())
+            return g_programPath;
+    }
     std::vector<char> buf(PATH_MAX);
     for (;;) {
         ssize_t n = ::readlink("/proc/self/exe", buf.data(), buf.size());
@@ -125,6 +132,25 @@ std::string programPath()
             return std::string(buf.data(), static_cast<std::size_t>(n));
         buf.resize(buf.size() * 2);
     }
+}
+
+void setProgramPath(const std::string& path)
+{
+    std::lock_guard lock(g_pathMutex);
+    g_programPath = path;
+}
+
+std::optional<std::string> buildFolderOf(const std::string& programPath)
+{
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    for (fs::path folder = fs::path(programPath).parent_path(); !folder.empty(); folder = folder.parent_path()) {
+        if (fs::exists(folder / "CMakeCache.txt", ec))
+            return folder.string();
+        if (folder == folder.root_path())
+            break;
+    }
+    return std::nullopt;
 }
 
 std::optional<std::vector<std::string>> interfaceAddresses()

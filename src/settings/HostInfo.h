@@ -20,8 +20,13 @@ void setMachineInfoPath(const std::string& path);
 
 // Login name of the effective user.
 std::string userName();
-// Absolute path of the running program; empty when it cannot be found.
+// Absolute path of the running program (or the one a test set); empty
+// when it cannot be found.
 std::string programPath();
+void setProgramPath(const std::string& path);
+// The build folder (a folder holding CMakeCache.txt) the program lies
+// below; nothing for an installed program.
+std::optional<std::string> buildFolderOf(const std::string& programPath);
 
 // Dotted-quad text of every IPv4 interface address, in the system's order;
 // nothing when the interfaces cannot be listed.

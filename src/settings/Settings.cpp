@@ -50,7 +50,7 @@ Settings::Settings()
     readPreferences();
     // Bring the login item in line with the stored choice at every start.
     const std::string app = appURL();
-    if (app.empty())
+    if (app.empty() || buildFolder())
         return;
     const bool wanted = getStartOnLogin();
     if (willStartAtLogin(app) != wanted)
@@ -430,6 +430,11 @@ std::string Settings::userName()
 std::string Settings::appURL()
 {
     return HostInfo::programPath();
+}
+
+std::optional<std::string> Settings::buildFolder()
+{
+    return HostInfo::buildFolderOf(appURL());
 }
 
 std::string Settings::getVersionAPI()

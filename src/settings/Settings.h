@@ -93,6 +93,9 @@ public:
     static std::string userName();
     // Absolute path of the running program.
     static std::string appURL();
+    // The build folder the running program was started from. The login
+    // item names an installed program only, so such a run leaves it alone.
+    static std::optional<std::string> buildFolder();
     static std::string getVersionAPI();
     static std::int32_t getVersionFromString(const std::string& version);
     // Login items: an XDG autostart entry whose Exec is the program's path.

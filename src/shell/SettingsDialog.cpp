@@ -131,6 +131,7 @@ void SettingsDialog::_updateForm()
     m_ui->notificationsCheckBox->setChecked(m_settings->getToast());
     m_ui->startOnLoginCheckbox->setChecked(m_settings->getStartOnLogin());
     m_ui->enableLoggingCheckbox->setChecked(m_settings->getTrace());
+    showLoginItemToolTip();
     m_advanced->load(*m_settings);
     m_safety->load(*m_settings);
     enforceLoginChoice(m_ui->startOnLoginCheckbox->isChecked());
@@ -163,6 +164,16 @@ void SettingsDialog::updateStatusLine()
             : tr("Serving on port %1 at %2").arg(*port).arg(QString::fromStdString(addresses.front()));
     }
     m_ui->statusLine->setText(status);
+}
+
+void SettingsDialog::showLoginItemToolTip()
+{
+    const std::optional<std::string> build = Settings::buildFolder();
+    m_ui->startOnLoginCheckbox->setToolTip(build
+            ? tr("This copy runs from the build folder %1, which may not be there at your next login, so the login "
+                 "items are left as they are. Start at login takes effect for the installed program.")
+                  .arg(QString::fromStdString(*build))
+            : tr("Starts %1 when you log in").arg(QString::fromStdString(Settings::appURL())));
 }
 
 void SettingsDialog::setStandalone(bool standalone)
@@ -298,6 +309,8 @@ void SettingsDialog::_updateSettings(Settings& settings, const Form& form)
 void SettingsDialog::enforceLoginChoice(bool startAtLogin)
 {
     const std::string app = Settings::appURL();
+    if (app.empty() || Settings::buildFolder())
+        return;
     if (Settings::willStartAtLogin(app) != startAtLogin)
         Settings::setStartAtLogin(app, startAtLogin);
 }

@@ -93,6 +93,7 @@ private:
     void controlTextDidChange(QLineEdit* field);
     void _getAndSetIPAddresses();
     void updateSaveButton();
+    void showLoginItemToolTip();
     void _logToScreen(const QString& text, const QColor& colour, int level);
     void scrollToBottom();
     Form readForm() const;

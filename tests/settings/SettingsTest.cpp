@@ -320,12 +320,19 @@ TEST_F(SettingsTest, LoginItemExecLinesRoundTripAndOnlyOurEntryCounts)
     EXPECT_EQ(Settings::autostartEntryPath(), entry.string());
 }
 
-TEST_F(SettingsTest, CreationBringsTheLoginItemInLineWithTheSetting)
+TEST_F(SettingsTest, CreationBringsTheInstalledProgramsLoginItemInLineWithTheSetting)
 {
-    const std::string app = Settings::appURL();
-    ASSERT_TRUE(fs::path(app).is_absolute());
-    ASSERT_TRUE(fs::equivalent(app, "/proc/self/exe"));
+    // This test runs from the build folder, which is never named at login.
+    ASSERT_TRUE(fs::equivalent(Settings::appURL(), "/proc/self/exe"));
+    const std::optional<std::string> build = Settings::buildFolder();
+    ASSERT_TRUE(build.has_value());
+    EXPECT_TRUE(fs::exists(fs::path(*build) / "CMakeCache.txt"));
+    Settings{};
+    EXPECT_FALSE(fs::exists(Settings::autostartEntryPath()));
 
+    const std::string app = "/usr/bin/ZandrelSync";
+    HostInfo::setProgramPath(app);
+    EXPECT_FALSE(Settings::buildFolder().has_value());
     Settings{Settings::NoLoginItems{}};
     EXPECT_FALSE(Settings::willStartAtLogin(app)); // the daemon's way leaves login items alone
 
@@ -337,6 +344,7 @@ TEST_F(SettingsTest, CreationBringsTheLoginItemInLineWithTheSetting)
     Settings second;
     EXPECT_FALSE(Settings::willStartAtLogin(app));
     EXPECT_FALSE(fs::exists(Settings::autostartEntryPath()));
+    HostInfo::setProgramPath("");
 }
 
 } // namespace

@@ -154,6 +154,23 @@ TEST_F(SettingsDialogTest, APortOnlyEditSavesKeepingTheHashAndUntickingStartAtLo
     EXPECT_FALSE(stored.getStartOnLogin());
 }
 
+TEST_F(SettingsDialogTest, ARunFromABuildFolderLeavesTheLoginItemAloneAndSaysWhy)
+{
+    auto* box = control<QCheckBox>("startOnLoginCheckbox");
+    EXPECT_EQ(box->toolTip(), "Starts /usr/bin/ZandrelSync when you log in");
+    const fs::path entry = Settings::autostartEntryPath();
+    fs::remove(entry);
+    HostInfo::setProgramPath(""); // this test program, in the build folder
+    m_dialog->_updateForm();
+    EXPECT_TRUE(box->toolTip().startsWith(
+        QString::fromStdString("This copy runs from the build folder " + Settings::buildFolder().value_or("?") + ",")))
+        << box->toolTip().toStdString();
+    ASSERT_TRUE(box->isChecked());
+    save();
+    HostInfo::setProgramPath("/usr/bin/ZandrelSync");
+    EXPECT_FALSE(fs::exists(entry));
+}
+
 TEST_F(SettingsDialogTest, AdvancedAndSafetySettingsAreSavedAndABadListenAddressKeepsSaveDisabled)
 {
     auto* address = control<QLineEdit>("listenAddressField");

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "ShellTestSupport.h"
+#include "settings/HostInfo.h"
 
 namespace {
 
@@ -55,6 +56,9 @@ int main(int argc, char** argv)
     }
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
+    // The tests stand in for the installed program: a run from the build
+    // folder leaves the login item alone (one test checks that).
+    HostInfo::setProgramPath("/usr/bin/ZandrelSync");
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
