@@ -163,7 +163,22 @@ void SettingsDialog::updateStatusLine()
             ? tr("Serving on port %1, but this computer has no network address yet.").arg(*port)
             : tr("Serving on port %1 at %2").arg(*port).arg(QString::fromStdString(addresses.front()));
     }
-    m_ui->statusLine->setText(status);
+    if (status != m_ui->statusLine->text()) {
+        m_ui->statusLine->setText(status);
+        makeRoomForWrappedText();
+    }
+}
+
+void SettingsDialog::makeRoomForWrappedText()
+{
+    // A window's minimum size leaves out how tall wrapped text gets at its
+    // width, so a line that wraps would be laid over the log box above it.
+    QLayout* layout = this->layout();
+    layout->activate();
+    const int needed = layout->hasHeightForWidth() ? layout->totalHeightForWidth(width())
+                                                   : layout->totalMinimumSize().height();
+    if (height() < needed)
+        resize(width(), needed);
 }
 
 void SettingsDialog::showLoginItemToolTip()
@@ -201,6 +216,7 @@ void SettingsDialog::updateSaveButton()
 void SettingsDialog::showSaveHint(bool portOutOfRange)
 {
     m_ui->saveHint->setText(portOutOfRange ? tr("Enter a port from 1024 to 65535 to save") : QString());
+    makeRoomForWrappedText();
 }
 
 void SettingsDialog::controlTextDidChange(QLineEdit* field)
@@ -232,8 +248,10 @@ void SettingsDialog::controlTextDidChange(QLineEdit* field)
         m_ui->saveButton->setEnabled(false);
     // Say what is wrong, or the disabled button looks broken.
     showSaveHint(portOutOfRange);
-    if (addressInvalid && !portOutOfRange)
+    if (addressInvalid && !portOutOfRange) {
         m_ui->saveHint->setText(tr("Enter an IPv4 address such as 192.168.1.20 to listen on, or none, to save"));
+        makeRoomForWrappedText();
+    }
 }
 
 int SettingsDialog::intValue(const QString& text)

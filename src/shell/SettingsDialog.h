@@ -94,6 +94,7 @@ private:
     void _getAndSetIPAddresses();
     void updateSaveButton();
     void showLoginItemToolTip();
+    void makeRoomForWrappedText();
     void _logToScreen(const QString& text, const QColor& colour, int level);
     void scrollToBottom();
     Form readForm() const;

@@ -161,8 +161,14 @@ TEST_F(TrayMenuTest, APortInUseIsNotifiedAndShownInTheStatusLine)
     EXPECT_EQ(notice.description.rfind(inUse, 0), 0u) << notice.description;
 
     m_tray->openSettings();
-    EXPECT_TRUE(m_tray->settingsWindow()->findChild<QLabel*>("statusLine")->text().startsWith(
-        QString::fromStdString(inUse)));
+    SettingsDialog* window = m_tray->settingsWindow();
+    auto* status = window->findChild<QLabel*>("statusLine");
+    EXPECT_TRUE(status->text().startsWith(QString::fromStdString(inUse)));
+    // The text wraps; the window makes room for it instead of laying it over the log box.
+    QCoreApplication::processEvents();
+    const QRect log = window->findChild<QWidget*>("logView")->geometry();
+    EXPECT_GE(log.height(), window->findChild<QWidget*>("logView")->minimumHeight());
+    EXPECT_LT(log.bottom(), status->geometry().top());
 }
 
 TEST_F(TrayMenuTest, UpdateWindowIsReshownWhileOpenAndRebuiltAfterClosing)

@@ -132,10 +132,10 @@ int main(int argc, char* argv[])
         window->updateStatusLine();
         failures += !save(window, out + "/settings.png");
         failures += !save(window->findChild<SafetySettings*>(), out + "/settings-safety.png");
-        // An edit without a password: Save is disabled and says why.
+        // A port out of range: Save is disabled and says why.
         auto* port = window->findChild<QLineEdit*>("portField");
         port->selectAll();
-        QTest::keyClicks(port, "35001");
+        QTest::keyClicks(port, "99999");
         failures += !save(window, out + "/settings-save-hint.png");
         // Another program holds the port when the server restarts.
         otherProgram.listen(QHostAddress::AnyIPv4, 0);
