@@ -218,18 +218,16 @@ std::string Settings::getIdentifier() const
 {
     std::string version;
     std::string hash;
-    std::string listenAddress;
     std::int32_t port = 0;
     {
         std::lock_guard lock(m_mutex);
         version = m_version;
         hash = m_password;
         port = m_port;
-        listenAddress = m_listenAddress;
     }
     // A server bound to one address names only that one: phones try the
     // addresses in order, and the others would refuse them.
-    const std::string addresses = listenAddress.empty() ? addressesToString(validIPAddresses()) : listenAddress;
+    const std::string addresses = addressesToString(servedAddresses());
     // The last field digests the stored hash so the hash itself is never
     // announced on the network.
     return fmt::format("{}:{}:{}:{}:{}:{}", version, computerName(), userName(), addresses, port,
@@ -396,6 +394,14 @@ void Settings::setListenAddress(const std::string& address)
 {
     std::lock_guard lock(m_mutex);
     m_listenAddress = address;
+}
+
+std::vector<std::string> Settings::servedAddresses() const
+{
+    const std::string listen = getListenAddress();
+    if (listen.empty() || listen == "0.0.0.0")
+        return validIPAddresses();
+    return {listen};
 }
 
 bool Settings::isListenAddress(const std::string& text)

@@ -82,6 +82,10 @@ public:
     void setKeepDays(std::int32_t days);
     std::int32_t getKeepPercent() const;
     void setKeepPercent(std::int32_t percent);
+    // The addresses phones can reach the server at: the listen address
+    // alone when it names one (0.0.0.0 names every address), else every
+    // valid address, lastIP first.
+    std::vector<std::string> servedAddresses() const;
     // Dotted-quad IPv4 text, the only form the listen address takes.
     static bool isListenAddress(const std::string& text);
 

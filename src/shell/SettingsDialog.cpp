@@ -155,10 +155,7 @@ void SettingsDialog::updateStatusLine()
     } else if (*port == 0) {
         status = tr("The server could not listen for phones.");
     } else {
-        // A server bound to one address is reachable there alone.
-        const std::string listen = m_settings->getListenAddress();
-        const std::vector<std::string> addresses =
-            listen.empty() ? m_settings->validIPAddresses() : std::vector<std::string>{listen};
+        const std::vector<std::string> addresses = m_settings->servedAddresses();
         status = addresses.empty()
             ? tr("Serving on port %1, but this computer has no network address yet.").arg(*port)
             : tr("Serving on port %1 at %2").arg(*port).arg(QString::fromStdString(addresses.front()));

@@ -172,6 +172,11 @@ TEST_F(SettingsTest, HardeningAndKeepKeysAreReadAndWrittenOnlyWhileSet)
     EXPECT_EQ(s.getListenAddress(), "127.0.0.2");
     // The one address phones can reach is the one announced.
     EXPECT_NE(s.getIdentifier().find(":127.0.0.2:"), std::string::npos) << s.getIdentifier();
+    // 0.0.0.0 is every address: those are announced, never 0.0.0.0 itself.
+    s.setListenAddress("0.0.0.0");
+    EXPECT_EQ(s.servedAddresses(), s.validIPAddresses());
+    EXPECT_EQ(s.getIdentifier().find("0.0.0.0"), std::string::npos) << s.getIdentifier();
+    s.setListenAddress("127.0.0.2");
     s.writePreferences();
     EXPECT_EQ(written(prefsPath()).size(), kDefaults.size() + 4);
 
