@@ -1,6 +1,7 @@
 // zandrel-syncd: the sync server without a desktop, in the foreground until
-// SIGTERM or SIGINT.
+// SIGTERM or SIGINT; SIGHUP re-reads the settings and restarts the server.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -11,10 +12,13 @@
 #include <string_view>
 #include <vector>
 
+#include <sysexits.h>
+
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
 #include "daemon/ActivityCommands.h"
+#include "settings/HostInfo.h"
 #include "settings/Settings.h"
 #include "server/App.h"
 
@@ -24,7 +28,8 @@ constexpr const char* kUsage = R"(Usage: zandrel-syncd [options]
 
 Serves phones on the local network without a desktop, in the foreground.
 Settings are read from (or created at) the user's settings file; stop with
-Ctrl-C or SIGTERM.
+Ctrl-C or SIGTERM. SIGHUP (systemctl --user reload zandrel-syncd) reads the
+settings file again and restarts the server with it.
 
 Options:
   --log-stderr     write log lines to standard error instead of the system log
@@ -44,27 +49,37 @@ Subcommands:
                    list what phones did (see 'zandrel-syncd activity --help')
   restore ID... | restore --since WHEN [--until WHEN] [--device ADDRESS] [--dry-run]
                    bring back what phones removed or replaced
+
+Exit status: 0 after SIGTERM or SIGINT; 2 for a wrong option; 78 when the
+settings cannot work (the settings file cannot be read, the port is taken,
+the listen address is not this machine's), which the systemd unit does not
+restart on; 1 for any other failure.
 )";
 
-// Keeps the lines written while the settings load, so that a broken
-// settings file can be named on the terminal as well as in the log.
+// A configuration that cannot work until a person changes it: the unit's
+// RestartPreventExitStatus= names it, so systemd does not retry in a loop.
+constexpr int kCannotWork = EX_CONFIG;
+constexpr int kUsageError = 2;
+
+void complain(const std::string& text)
+{
+    std::cerr << "zandrel-syncd: " << text << std::endl;
+}
+
+// Nothing when the settings file cannot be read: serving the defaults (the
+// default password among them) is not what the person configured.
 std::shared_ptr<Settings> loadSettings(bool logStderr)
 {
     App::logToStandardError(logStderr);
-    std::shared_ptr<Settings> settings;
     // Start at login belongs to the desktop application: the daemon neither
     // adds nor removes a login item.
-    const auto lines =
-        App::linesLoggedDuring([&] { settings = std::make_shared<Settings>(Settings::NoLoginItems{}); });
-    // With --log-stderr, standard error carries log lines only, and the line
-    // itself is already there.
-    if (logStderr || lines.empty())
-        return settings;
-    for (const auto& line : lines)
-        std::cerr << "zandrel-syncd: " << line << "\n";
-    std::cerr << fmt::format("zandrel-syncd: the settings file {} could not be read; serving with the default "
-                             "settings. Correct or remove the file (it is rewritten when settings are saved).\n",
-        Settings::preferencesPath());
+    auto settings = std::make_shared<Settings>(Settings::NoLoginItems{});
+    if (auto why = settings->readError()) {
+        complain(fmt::format("cannot read the settings file {} ({}); not starting. Correct the file, or remove it "
+                             "to start again with the default settings.",
+            Settings::preferencesPath(), *why));
+        return nullptr;
+    }
     return settings;
 }
 
@@ -81,23 +96,22 @@ void warnIfSettingsUnwritable()
     fs::path folder = file.parent_path();
     while (!folder.empty() && folder != folder.root_path() && !fs::is_directory(folder, ec))
         folder = folder.parent_path();
-    std::cerr << fmt::format("zandrel-syncd: the settings file {} could not be written; serving with the default "
-                             "settings, which are not kept. Make {} writable (or set HOME to a folder that is).\n",
-        file.string(), folder.string());
+    complain(fmt::format("the settings file {} could not be written; serving with the default settings, which are "
+                         "not kept. Make {} writable (or set HOME to a folder that is).",
+        file.string(), folder.string()));
 }
 
 // Where a phone finds this server: every LAN address with the port, or the
 // one address it listens on (on loopback only, no phone finds it: say so).
 std::string servingLine(std::uint16_t port, const Settings& settings)
 {
-    const std::string listen = settings.getListenAddress();
-    const auto addresses = listen.empty() ? settings.validIPAddresses() : std::vector<std::string>{listen};
+    const auto addresses = settings.servedAddresses();
     std::string where = addresses.empty() ? std::string("no network address yet (only this computer can connect)")
                                           : fmt::format("{}", fmt::join(addresses, ", "));
     std::string line = fmt::format("zandrel-syncd serving on port {} at {} (settings: {})", port, where,
         Settings::preferencesPath());
     if (App::discoveryOffFor(settings))
-        line += fmt::format("; discovery off: listening on {} only", listen);
+        line += fmt::format("; discovery off: listening on {} only", settings.getListenAddress());
     return line;
 }
 
@@ -137,14 +151,15 @@ void applyHardening(const Options& options, Settings& settings)
         settings.setListenAddress(options.listenAddress);
 }
 
-// Blocks SIGINT/SIGTERM in every thread started later, so that only
+// Blocks SIGINT/SIGTERM/SIGHUP in every thread started later, so that only
 // sigwait() below receives them.
-sigset_t blockStopSignals()
+sigset_t blockSignals()
 {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     return set;
 }
@@ -165,8 +180,14 @@ int parse(int argc, char** argv, Options& options)
             options.strictIdentify = true;
         } else if (arg == "--listen") {
             if (i + 1 >= argc || !Settings::isListenAddress(argv[i + 1])) {
-                std::cerr << "zandrel-syncd: --listen needs an IPv4 address such as 127.0.0.1\n";
-                return 2;
+                complain("--listen needs an IPv4 address such as 127.0.0.1");
+                return kUsageError;
+            }
+            if (!options.listenAddress.empty()) {
+                complain(fmt::format("--listen is given twice ({} and {}); the server listens on one address, or on "
+                                     "all of them without --listen",
+                    options.listenAddress, argv[i + 1]));
+                return kUsageError;
             }
             options.listenAddress = argv[++i];
         } else if (arg == "--help" || arg == "-h") {
@@ -176,12 +197,85 @@ int parse(int argc, char** argv, Options& options)
             std::cout << "zandrel-syncd " << Settings::getVersionAPI() << "\n";
             return 0;
         } else {
-            std::cerr << "zandrel-syncd: unknown option '" << arg << "'\n"
-                      << "Try 'zandrel-syncd --help' for the options.\n";
-            return 2;
+            complain("unknown option '" + arg + "'\nTry 'zandrel-syncd --help' for the options.");
+            return kUsageError;
         }
     }
     return -1;
+}
+
+// Why listening failed, in the words a person can act on.
+std::string listenFailure(const Settings& settings)
+{
+    const std::string address = settings.getListenAddress();
+    const auto ours = HostInfo::interfaceAddresses().value_or(std::vector<std::string>{});
+    // The whole of 127/8 is this machine's, though lo carries 127.0.0.1 only.
+    const bool local = address.rfind("127.", 0) == 0 || address == "0.0.0.0";
+    if (!address.empty() && !local && std::find(ours.begin(), ours.end(), address) == ours.end())
+        return fmt::format("{} is not an address of this machine (it has {}), so the server cannot listen there. "
+                           "Give --listen one of those, or change listenAddress in {}.",
+            address, ours.empty() ? std::string("none") : fmt::format("{}", fmt::join(ours, ", ")),
+            Settings::preferencesPath());
+    return fmt::format("cannot listen on {}port {}: another program (or another zandrel-syncd) is using it. Stop "
+                       "that program or choose another port in {}.",
+        address.empty() ? std::string() : address + " ", settings.getPort(), Settings::preferencesPath());
+}
+
+// Waits for the server to listen and prints where phones find it; false
+// (after saying why) when it cannot listen.
+bool announceStart(App& app, const Settings& settings)
+{
+    auto port = app.waitUntilRunning(std::chrono::seconds(30));
+    if (!port || *port == 0) {
+        complain(listenFailure(settings));
+        return false;
+    }
+    std::cout << servingLine(*port, settings) << std::endl;
+    explainChosenPort(*port, settings);
+    return true;
+}
+
+// SIGHUP: what Save does in the window. A settings file that cannot be read
+// leaves the running server as it is; false when the new settings cannot
+// be served.
+bool reload(App& app, Settings& settings, const Options& options)
+{
+    if (auto why = Settings(Settings::NoLoginItems{}).readError()) {
+        complain(fmt::format("SIGHUP: cannot read the settings file {} ({}); still serving with the settings in use",
+            Settings::preferencesPath(), *why));
+        return true;
+    }
+    std::cout << fmt::format("zandrel-syncd: SIGHUP: reading {} again and restarting the server",
+                     Settings::preferencesPath())
+              << std::endl;
+    app.stop();
+    settings.readPreferences();
+    applyHardening(options, settings);
+    app.start();
+    return announceStart(app, settings);
+}
+
+int serve(const Options& options)
+{
+    sigset_t signals = blockSignals();
+    auto settings = loadSettings(options.logStderr);
+    if (!settings)
+        return kCannotWork;
+    warnIfSettingsUnwritable();
+    applyHardening(options, *settings);
+    App app(settings);
+    app.setDiscoveryEnabled(options.discovery);
+    app.start();
+    bool serving = announceStart(app, *settings);
+    while (serving) {
+        int signal = 0;
+        sigwait(&signals, &signal);
+        if (signal != SIGHUP)
+            break;
+        serving = reload(app, *settings, options);
+    }
+    app.stop();
+    return serving ? 0 : kCannotWork;
 }
 
 } // namespace
@@ -193,34 +287,10 @@ int main(int argc, char** argv)
     Options options;
     if (int rc = parse(argc, argv, options); rc >= 0)
         return rc;
-
-    sigset_t stopSignals = blockStopSignals();
-    auto settings = loadSettings(options.logStderr);
-    warnIfSettingsUnwritable();
-    applyHardening(options, *settings);
-    App app(settings);
-    app.setDiscoveryEnabled(options.discovery);
-    app.start();
-
-    auto port = app.waitUntilRunning(std::chrono::seconds(30));
-    if (!port || *port == 0) {
-        const std::string address = settings->getListenAddress();
-        if (address.empty())
-            std::cerr << fmt::format("zandrel-syncd: could not listen on port {} (is another server running there?). "
-                                     "Choose another port in {} or stop the other program.\n",
-                settings->getPort(), Settings::preferencesPath());
-        else
-            std::cerr << fmt::format("zandrel-syncd: could not listen on {} port {} (is that address this "
-                                     "machine's, and the port free?). Check the listen address and port in {}.\n",
-                address, settings->getPort(), Settings::preferencesPath());
-        app.stop();
+    try {
+        return serve(options);
+    } catch (const std::exception& e) {
+        complain(e.what());
         return 1;
     }
-    std::cout << servingLine(*port, *settings) << std::endl;
-    explainChosenPort(*port, *settings);
-
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-    app.stop();
-    return 0;
 }

@@ -45,6 +45,10 @@ TEST_F(DaemonTest, ServesLogsToStandardErrorAndEndsOnSigterm)
     EXPECT_NE(err.find("\nAuthenticated.\nStarting sync.\nConnection closed.\n"), std::string::npos) << err;
     EXPECT_EQ(d.terminate(), 0);
     EXPECT_NE(d.err("Stopped Echo server\n", 5s).find("Stopped Echo server\n"), std::string::npos);
+
+    // 0.0.0.0 is every address: the line names those phones can use.
+    DaemonProcess any({"--no-discovery", "--listen", "0.0.0.0"});
+    EXPECT_NE(any.out("(settings").find(" at 192.168.1.23 (settings: "), std::string::npos) << any.out("", 0s);
 }
 
 TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnlyAndBadFlagsSayWhatToDo)
@@ -63,10 +67,11 @@ TEST_F(DaemonTest, HardeningFlagsApplyToThisRunOnlyAndBadFlagsSayWhatToDo)
 
     for (auto [flags, says] : {std::pair<std::vector<std::string>, std::string>{{"--listen", "everywhere"},
                                    "--listen needs an IPv4 address"},
+             {{"--listen", "127.0.0.1", "--listen", "127.0.0.2"}, "--listen is given twice (127.0.0.1 and 127.0.0.2)"},
              {{"--frobnicate"}, "unknown option '--frobnicate'"}}) {
         DaemonProcess bad(flags);
         EXPECT_EQ(bad.exitCode(), 2);
-        EXPECT_NE(bad.err(says, 5s).find(says), std::string::npos);
+        EXPECT_EQ(bad.err(says, 5s).rfind("zandrel-syncd: " + says, 0), 0u) << bad.err("", 0s);
     }
 }
 
@@ -87,7 +92,7 @@ TEST_F(DaemonTest, ALoopbackListenAddressTurnsDiscoveryOffAndSaysSo)
     EXPECT_EQ(d.terminate(), 0);
 }
 
-TEST_F(DaemonTest, FreshBrokenOrUnwritableSettingsFilesLeaveTheDefaultsServing)
+TEST_F(DaemonTest, FreshOrUnwritableSettingsServeTheDefaultsAndSettingsThatCannotWorkStopIt)
 {
     const auto file = home.path() / kSettingsFile;
     {
@@ -96,17 +101,29 @@ TEST_F(DaemonTest, FreshBrokenOrUnwritableSettingsFilesLeaveTheDefaultsServing)
         EXPECT_EQ(d.port(), 35000);
         EXPECT_NE(readFile(file).find("<key>hashword</key>"), std::string::npos);
         EXPECT_FALSE(fs::exists(home.path() / ".config/autostart/ZandrelSync.desktop"));
+        // Port taken: exit 78, which the unit does not restart on.
+        DaemonProcess second({"--no-discovery"});
+        EXPECT_EQ(second.exitCode(), 78);
+        const std::string taken = "zandrel-syncd: cannot listen on port 35000: another program";
+        EXPECT_EQ(second.err(taken, 5s).rfind(taken, 0), 0u) << second.err("", 0s);
         EXPECT_EQ(d.terminate(), 0);
+    }
+    {
+        DaemonProcess elsewhere({"--no-discovery", "--listen", "10.9.9.9"});
+        EXPECT_EQ(elsewhere.exitCode(), 78);
+        const std::string notOurs = "zandrel-syncd: 10.9.9.9 is not an address of this machine";
+        EXPECT_EQ(elsewhere.err(notOurs, 5s).rfind(notOurs, 0), 0u) << elsewhere.err("", 0s);
     }
     home.write(kSettingsFile, "not a settings file<");
     {
+        // One message, nothing of the parser's before it, and not the
+        // defaults (their password among them) in place of the person's.
         DaemonProcess d({"--no-discovery"});
-        EXPECT_EQ(d.port(), 35000);
-        auto err = d.err("rewritten", 5s);
-        EXPECT_NE(err.find("zandrel-syncd: Error reading plist: "), std::string::npos) << err;
-        EXPECT_NE(err.find(file.string() + " could not be read"), std::string::npos) << err;
+        EXPECT_EQ(d.exitCode(), 78);
+        EXPECT_EQ(d.err("not starting", 5s), "zandrel-syncd: cannot read the settings file " + file.string()
+                                               + " (not a property list); not starting. Correct the file, or remove "
+                                                 "it to start again with the default settings.\n");
         EXPECT_EQ(readFile(file), "not a settings file<");
-        EXPECT_EQ(d.terminate(), 0);
     }
     // A home below a plain file cannot be made, not even by root.
     auto blocker = home.write("blocker", "");
@@ -169,3 +186,26 @@ TEST_F(DaemonTest, WhatAPhoneRemovedIsListedAndRestoredFromATerminal)
     EXPECT_EQ(run({"restore", "999"}, 1), "Could not restore #999: no such entry\n");
     EXPECT_EQ(run({"activity", "--since", "soon"}, 2), "");
 }
+
+TEST_F(DaemonTest, SighupRereadsTheSettingsAndRestartsTheServer)
+{
+    const auto file = writeSettings();
+    DaemonProcess d({"--no-discovery"});
+    ASSERT_NE(d.port(), 0);
+    home.write(kSettingsFile, "broken<");
+    ::kill(d.pid(), SIGHUP);
+    const std::string kept = "still serving with the settings in use\n";
+    EXPECT_NE(d.err(kept).find("zandrel-syncd: SIGHUP: cannot read the settings file"), std::string::npos);
+
+    home.write(kSettingsFile, R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                              R"(<key>port</key><integer>35123</integer></dict></plist>)");
+    ::kill(d.pid(), SIGHUP);
+    const auto out = d.out("serving on port 35123");
+    EXPECT_NE(out.find("zandrel-syncd: SIGHUP: reading " + file.string() + " again and restarting the server\n"
+                       "zandrel-syncd serving on port 35123 at "),
+        std::string::npos)
+        << out;
+    EXPECT_NO_THROW(SyncClient().connect("127.0.0.1", 35123, 2s));
+    EXPECT_EQ(d.terminate(), 0);
+}
+
