@@ -193,37 +193,3 @@ void App::logToStandardError(bool toStandardError)
 {
     SystemLog::setSink(toStandardError ? std::make_shared<StderrSink>() : nullptr);
 }
-
-namespace {
-
-// Passes every line on and keeps a copy.
-class RecordingSink : public LogSink {
-public:
-    explicit RecordingSink(std::shared_ptr<LogSink> next) : m_next(std::move(next)) {}
-    void write(std::string_view line) override
-    {
-        m_lines.emplace_back(line);
-        m_next->write(line);
-    }
-    std::vector<std::string> m_lines;
-
-private:
-    std::shared_ptr<LogSink> m_next;
-};
-
-} // namespace
-
-std::vector<std::string> App::linesLoggedDuring(const std::function<void()>& work)
-{
-    auto previous = SystemLog::sink();
-    auto recorder = std::make_shared<RecordingSink>(previous);
-    SystemLog::setSink(recorder);
-    try {
-        work();
-    } catch (...) {
-        SystemLog::setSink(previous);
-        throw;
-    }
-    SystemLog::setSink(previous);
-    return recorder->m_lines;
-}

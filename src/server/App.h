@@ -4,13 +4,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 class Journal;
 class Broadcaster;
@@ -56,9 +54,6 @@ public:
     // standard error, the bare message and a newline. Front ends choose
     // before they start anything.
     static void logToStandardError(bool toStandardError);
-    // Runs `work` and returns the log lines it wrote, which still go where
-    // lines go, so that a front end can repeat them on its terminal.
-    static std::vector<std::string> linesLoggedDuring(const std::function<void()>& work);
 
 private:
     void serverThread();
