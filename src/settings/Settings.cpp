@@ -49,12 +49,7 @@ Settings::Settings()
 {
     readPreferences();
     // Bring the login item in line with the stored choice at every start.
-    const std::string app = appURL();
-    if (app.empty() || buildFolder())
-        return;
-    const bool wanted = getStartOnLogin();
-    if (willStartAtLogin(app) != wanted)
-        setStartAtLogin(app, wanted);
+    bringLoginItemInLine(getStartOnLogin());
 }
 
 Settings::Settings(NoLoginItems)
@@ -436,6 +431,15 @@ std::string Settings::userName()
 std::string Settings::appURL()
 {
     return HostInfo::programPath();
+}
+
+void Settings::bringLoginItemInLine(bool wanted)
+{
+    const std::string app = appURL();
+    if (app.empty() || buildFolder())
+        return;
+    if (willStartAtLogin(app) != wanted)
+        setStartAtLogin(app, wanted);
 }
 
 std::optional<std::string> Settings::buildFolder()

@@ -100,6 +100,9 @@ public:
     // The build folder the running program was started from. The login
     // item names an installed program only, so such a run leaves it alone.
     static std::optional<std::string> buildFolder();
+    // Adds or removes this program's login item to match the choice; a
+    // program run from a build folder leaves the login items alone.
+    static void bringLoginItemInLine(bool wanted);
     static std::string getVersionAPI();
     static std::int32_t getVersionFromString(const std::string& version);
     // Login items: an XDG autostart entry whose Exec is the program's path.

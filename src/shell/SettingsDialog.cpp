@@ -323,11 +323,7 @@ void SettingsDialog::_updateSettings(Settings& settings, const Form& form)
 
 void SettingsDialog::enforceLoginChoice(bool startAtLogin)
 {
-    const std::string app = Settings::appURL();
-    if (app.empty() || Settings::buildFolder())
-        return;
-    if (Settings::willStartAtLogin(app) != startAtLogin)
-        Settings::setStartAtLogin(app, startAtLogin);
+    Settings::bringLoginItemInLine(startAtLogin);
 }
 
 void SettingsDialog::closeAfterSave()

@@ -19,8 +19,7 @@ TEST(UIBridge, ProgressIsA64BitPercentHeldTo0To100)
 {
     EXPECT_EQ(UIBridge::percent(1, 3), 33);
     EXPECT_EQ(UIBridge::percent(5, 0), 0);
-    // Past 21 MB done * 100 wrapped in 32 bits, past 4 GiB done and total did.
-    constexpr std::int64_t k3GB = 3'000'000'000, k6GB = 6'000'000'000;
+    constexpr std::int64_t k3GB = 3'000'000'000, k6GB = 6'000'000'000; // 32 bits wrapped past 21 MB and 4 GiB
     EXPECT_EQ(UIBridge::percent(k3GB / 2, k3GB), 50);
     EXPECT_EQ(UIBridge::percent(k6GB * 3 / 4, k6GB), 75);
     EXPECT_EQ(UIBridge::percent(INT64_MAX - 1, INT64_MAX), 99);

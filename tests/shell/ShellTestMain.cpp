@@ -56,9 +56,7 @@ int main(int argc, char** argv)
     }
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
-    // The tests stand in for the installed program: a run from the build
-    // folder leaves the login item alone (one test checks that).
-    HostInfo::setProgramPath("/usr/bin/ZandrelSync");
+    HostInfo::setProgramPath("/usr/bin/ZandrelSync"); // as installed: a build folder's leaves login items alone
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
