@@ -326,6 +326,10 @@
         <source>Zandrel Sync Is Not Serving</source>
         <translation type="unfinished"></translation>
     </message>
+    <message>
+        <source>Zandrel Sync Settings Not Read</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 <context>
     <name>MainMenu</name>
@@ -492,19 +496,31 @@
         <translation type="unfinished"></translation>
     </message>
     <message>
-        <source>Enter a password and a port from 1024 to 65535 to save</source>
-        <translation type="unfinished"></translation>
-    </message>
-    <message>
-        <source>Enter a password to save</source>
-        <translation type="unfinished"></translation>
-    </message>
-    <message>
         <source>Enter a port from 1024 to 65535 to save</source>
         <translation type="unfinished"></translation>
     </message>
     <message>
         <source>Enter an IPv4 address such as 192.168.1.20 to listen on, or none, to save</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Zandrel Sync %1</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>This copy runs from the build folder %1, which may not be there at your next login, so the login items are left as they are. Start at login takes effect for the installed program.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Starts %1 when you log in</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Quit Zandrel Sync?</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>This window is the only way back to Zandrel Sync on this desktop. Closing it quits, and phones can no longer connect. Quit?</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
@@ -544,6 +560,10 @@
     </message>
     <message>
         <source>Activity</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>The settings file %1 could not be read (%2). The default settings are in use; saving the settings window replaces the file with them.</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
