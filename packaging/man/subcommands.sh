@@ -11,7 +11,7 @@ out=$3
 names=$("$program" --help | awk '
   /^(Sub)?[Cc]ommands:[[:space:]]*$/ { inside = 1; next }
   inside && /^[[:space:]]*$/ { inside = 0 }
-  inside && /^[[:space:]]+[a-z]/ { print $1 }')
+  inside && /^  [a-z]/ { print $1 }')
 cp "$sections" "$out"
 [ -n "$names" ] || exit 0
 {
