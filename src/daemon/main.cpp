@@ -21,6 +21,7 @@
 #include "settings/HostInfo.h"
 #include "settings/Settings.h"
 #include "server/App.h"
+#include "ControlCommands.h"
 
 namespace {
 
@@ -49,11 +50,17 @@ Subcommands:
                    list what phones did (see 'zandrel-syncd activity --help')
   restore ID... | restore --since WHEN [--until WHEN] [--device ADDRESS] [--dry-run]
                    bring back what phones removed or replaced
+  status [--json]  what the server of this user is doing: port, addresses,
+                   process, uptime, each phone's session and its work
+  devices [--json] | devices allow ADDRESS [--name NAME] | devices block ADDRESS | devices forget ADDRESS
+                   the phones that have come; let one in, keep one out (its
+                   open sessions end at once) or forget it
 
 Exit status: 0 after SIGTERM or SIGINT; 2 for a wrong option; 78 when the
 settings cannot work (the settings file cannot be read, the port is taken,
 the listen address is not this machine's), which the systemd unit does not
-restart on; 1 for any other failure.
+restart on; 1 for any other failure. status exits 3 when no server runs for
+this user.
 )";
 
 // A configuration that cannot work until a person changes it: the unit's
@@ -265,6 +272,7 @@ int serve(const Options& options)
     applyHardening(options, *settings);
     App app(settings);
     app.setDiscoveryEnabled(options.discovery);
+    DaemonControl control(app, settings);
     app.start();
     bool serving = announceStart(app, *settings);
     while (serving) {
@@ -284,6 +292,8 @@ int main(int argc, char** argv)
 {
     if (auto rc = ActivityCommands::dispatch(argc, argv))
         return *rc;
+    if (int rc = runControlCommand(argc, argv); rc >= 0)
+        return rc;
     Options options;
     if (int rc = parse(argc, argv, options); rc >= 0)
         return rc;

@@ -69,6 +69,7 @@ void App::serverThread()
     auto listener = std::make_shared<SocketListener>(m_settings, m_uiBridge, m_sessionLifetime);
     {
         std::lock_guard lock(m_mutex);
+        listener->setAdmission(m_admission);
         m_broadcaster = broadcaster;
         m_listener = listener;
     }
@@ -192,4 +193,12 @@ std::shared_ptr<ProgressView> App::settingsDialog() const
 void App::logToStandardError(bool toStandardError)
 {
     SystemLog::setSink(toStandardError ? std::make_shared<StderrSink>() : nullptr);
+}
+
+void App::setAdmission(std::shared_ptr<Admission> admission)
+{
+    std::lock_guard lock(m_mutex);
+    m_admission = std::move(admission);
+    if (m_listener)
+        m_listener->setAdmission(m_admission);
 }

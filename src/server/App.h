@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+class Admission;
 class Journal;
 class Broadcaster;
 class ProgressView;
@@ -45,6 +46,10 @@ public:
     // effect at the next start.
     void setSessionLifetime(std::chrono::milliseconds lifetime) { m_sessionLifetime = lifetime; }
 
+    // Who may be served, asked by every session before each command; null
+    // (the default) serves everyone. Sessions started later use it.
+    void setAdmission(std::shared_ptr<Admission> admission);
+
     std::shared_ptr<UIBridge> uiBridge() const { return m_uiBridge; }
     std::shared_ptr<Settings> settings() const { return m_settings; }
     std::shared_ptr<SocketListener> listener() const;
@@ -72,6 +77,7 @@ private:
     std::condition_variable m_changed;
     std::shared_ptr<SocketListener> m_listener;
     std::shared_ptr<Broadcaster> m_broadcaster;
+    std::shared_ptr<Admission> m_admission;
     std::optional<std::uint16_t> m_listeningPort;
     std::thread m_serverThread;
     // The journal this run writes to (purged at start and hourly); under m_mutex.

@@ -43,7 +43,7 @@ void SocketListener::handleNewConnection(std::optional<Bytes> address, StreamPai
         m_servers.reserve(m_servers.size() + 1);
         m_servers.push_back(SocketServer::create(std::move(streams), m_settings, m_uiBridge,
             std::weak_ptr<SessionRegistry>(shared_from_this()), runLoop(), m_lifetime,
-            Peer::fromSocketAddress(address)));
+            Peer::fromSocketAddress(address), m_admission));
     } catch (...) {
         // The connection is simply dropped.
     }
@@ -116,4 +116,32 @@ std::vector<std::shared_ptr<SocketServer>> SocketListener::connections() const
     for (const auto& server : m_servers)
         sessions.push_back(server.session);
     return sessions;
+}
+
+std::vector<SessionStatus> SocketListener::statuses() const
+{
+    std::vector<SessionStatus> found;
+    for (const auto& session : connections())
+        found.push_back(session->status());
+    return found;
+}
+
+int SocketListener::endSessionsFrom(const std::string& address)
+{
+    int ended = 0;
+    // shutdown() only closes the connection; the session then removes
+    // itself, so the lock is not held while it does.
+    for (const auto& session : connections()) {
+        if (session->peer().address == address) {
+            session->shutdown();
+            ++ended;
+        }
+    }
+    return ended;
+}
+
+void SocketListener::setAdmission(std::shared_ptr<Admission> admission)
+{
+    std::lock_guard lock(m_lock);
+    m_admission = std::move(admission);
 }

@@ -10,6 +10,7 @@
 #include "session/SocketServer.h"
 #include "server/TCPServer.h"
 
+class Admission;
 class Settings;
 class UIBridge;
 
@@ -32,6 +33,12 @@ public:
     void shutdown();
     // The live sessions, in order of arrival.
     std::vector<std::shared_ptr<SocketServer>> connections() const;
+    // What each live session is doing, in order of arrival; any thread.
+    std::vector<SessionStatus> statuses() const;
+    // Ends every open session of the phone at `address` at once; returns how many.
+    int endSessionsFrom(const std::string& address);
+    // The rule every new session asks before each command; null serves everyone.
+    void setAdmission(std::shared_ptr<Admission> admission);
 
 protected:
     void handleNewConnection(std::optional<Bytes> address, StreamPair streams) override;
@@ -45,6 +52,7 @@ private:
     std::shared_ptr<UIBridge> m_uiBridge;
     std::chrono::milliseconds m_lifetime;
     mutable std::mutex m_lock;
+    std::shared_ptr<Admission> m_admission;
     // Live sessions in order of arrival, with their threads.
     std::vector<SocketServer::Started> m_servers;
     // Threads of sessions that have removed themselves, not yet joined.

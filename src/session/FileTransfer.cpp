@@ -166,6 +166,7 @@ public:
         , m_settings(ctx.settings)
         , m_keepGoing(ctx.answerable)
         , m_activity(ctx.activity)
+        , m_work(ctx.work)
     {
     }
 
@@ -258,6 +259,7 @@ private:
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Sent {} bytes. Offset = {}", got, offset));
             m_bridge.setProgress(offset, size);
+            m_work.sending(path, offset, size, got);
         }
     }
 
@@ -287,6 +289,7 @@ private:
     // Turns false when the session is told to end.
     const std::atomic<bool>& m_keepGoing;
     SessionActivity& m_activity;
+    SessionWork& m_work;
     std::vector<std::uint8_t> m_buffer;
 };
 
@@ -301,6 +304,7 @@ public:
         , m_settings(ctx.settings)
         , m_keepGoing(ctx.answerable)
         , m_activity(ctx.activity)
+        , m_work(ctx.work)
     {
     }
 
@@ -407,6 +411,7 @@ private:
             if (m_settings.getVerbose())
                 m_bridge.logMessage(fmt::format("Received {} bytes. Offset = {}", n, offset + received));
             m_bridge.setProgress(received, file.size);
+            m_work.receiving(file.path, offset + received, file.size, n);
         }
         if (partial) {
             partial->flush();
@@ -474,6 +479,7 @@ private:
     // Turns false when the session is told to end.
     const std::atomic<bool>& m_keepGoing;
     SessionActivity& m_activity;
+    SessionWork& m_work;
     std::vector<std::uint8_t> m_buffer;
 };
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "session/Peer.h"
+#include "session/SessionWork.h"
 #include "wire/StreamIO.h"
 
 class InputStream;
@@ -16,8 +17,9 @@ class UIBridge;
 // What a session lends its command handlers: the byte layer, the
 // connection's input (an upload waits on it), the shared settings and
 // bridge, the flag that turns false once nobody will read an answer
-// (stop, the lifetime timer), which cuts long digests short, and the phone's
-// address, and its door to the activity journal and the trash. All of it
+// (stop, the lifetime timer), which cuts long digests short, the phone's
+// address, its door to the activity journal and the trash, and the live
+// status the handlers keep up to date. All of it
 // belongs to the session and outlives its handlers; used on the session
 // thread only.
 struct SessionContext {
@@ -28,6 +30,7 @@ struct SessionContext {
     const std::atomic<bool>& answerable;
     const Peer& peer;
     SessionActivity& activity;
+    SessionWork& work;
 };
 
 // Runs one handler's body inside the failure pattern every handler shares:

@@ -10,6 +10,7 @@
 
 #include "bridge/UIBridge.h"
 #include "journal/Journal.h"
+#include "session/Admission.h"
 #include "settings/Settings.h"
 #include "wire/BitHelper.h"
 #include "wire/Commands.h"
@@ -24,10 +25,10 @@ constexpr std::string_view kHidden = "(hidden)";
 
 SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<Settings> settings,
     std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io,
-    std::chrono::milliseconds lifetime, Peer peer)
+    std::chrono::milliseconds lifetime, Peer peer, std::shared_ptr<Admission> admission)
 {
-    std::shared_ptr<SocketServer> session(new SocketServer(
-        std::move(streams), std::move(settings), std::move(uiBridge), std::move(listener), io, std::move(peer)));
+    std::shared_ptr<SocketServer> session(new SocketServer(std::move(streams), std::move(settings),
+        std::move(uiBridge), std::move(listener), io, std::move(peer), std::move(admission)));
 
     // The thread waits for creation to finish, so that "Added connection."
     // always precedes the session's own lines. When the thread cannot be
@@ -52,6 +53,7 @@ SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<S
                 self->killTime();
         });
         session->m_uiBridge->logInfo("Added connection.");
+        session->m_uiBridge->logInfo(fmt::format("Connection from {}.", session->m_peer.text()));
     } catch (...) {
         // The thread returns at once; the connection closes with the session.
         gate->abandoned = true;
@@ -63,7 +65,8 @@ SocketServer::Started SocketServer::create(StreamPair streams, std::shared_ptr<S
 }
 
 SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
-    std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io, Peer peer)
+    std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io, Peer peer,
+    std::shared_ptr<Admission> admission)
     : m_uiBridge(std::move(uiBridge))
     , m_istream(std::move(streams.input))
     , m_ostream(std::move(streams.output))
@@ -71,6 +74,8 @@ SocketServer::SocketServer(StreamPair streams, std::shared_ptr<Settings> setting
     , m_listener(std::move(listener))
     , m_peer(std::move(peer))
     , m_activity(Journal::shared(), *m_settings, m_peer.address)
+    , m_admission(std::move(admission))
+    , m_work(m_peer)
     , m_io(*m_istream, *m_ostream, *this)
     , m_loop(std::move(io))
     , m_folders(handlerContext())
@@ -87,7 +92,8 @@ SocketServer::~SocketServer() = default;
 
 SessionContext SocketServer::handlerContext()
 {
-    return SessionContext{m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable, m_peer, m_activity};
+    return SessionContext{
+        m_io, *m_istream, *m_settings, *m_uiBridge, m_answerable, m_peer, m_activity, m_work};
 }
 
 void SocketServer::shutdown()
@@ -124,6 +130,7 @@ void SocketServer::threadProc(const std::stop_token& stop)
     m_connected = true;
     m_authenticated = false;
     m_activity.started();
+    tellAdmission([this] { m_admission->sessionStarted(m_peer); });
     try {
         commandLoop();
     } catch (const SyncException& failure) {
@@ -172,8 +179,10 @@ void SocketServer::commandLoop()
             m_io.read(&code, 1, "get command");
             std::int64_t length = m_io.readLong("get length of command");
             logInfo(fmt::format("Command: {}, Len = {}", code, length));
+            m_work.commandStarted(code);
             verifyPassword(code);
             dispatch(code);
+            m_work.commandEnded();
             releaseLargeBuffers();
         }
         if (!m_keepRunning)
@@ -195,6 +204,12 @@ void SocketServer::verifyPassword(std::uint8_t code)
         auto shown = [&]() -> std::string_view { return received ? kHidden : "(null)"; };
         if (logging)
             logInfo(fmt::format("Received password: {}", shown()));
+        if (!admitted()) {
+            // Held out: answered as a wrong password, and (in dispatch) as
+            // a command the session may not run, whatever it is.
+            requirePassword();
+            return;
+        }
         if (code == Command::IdentifyHost && !m_settings->getStrictIdentify()) {
             // Identify authenticates whatever password it carries, unless
             // the user asked for strict identify: it then passes the same
@@ -218,6 +233,36 @@ void SocketServer::verifyPassword(std::uint8_t code)
     }
 }
 
+void SocketServer::tellAdmission(const std::function<void()>& news)
+{
+    if (!m_admission)
+        return;
+    try {
+        news();
+    } catch (...) {
+        // Remembering the phone is no reason to end or keep the session.
+    }
+}
+
+bool SocketServer::admitted()
+{
+    if (!m_admission)
+        return true;
+    try {
+        m_heldOut = !m_admission->admits(m_peer);
+        if (m_heldOut && !m_toldHeldOut) {
+            m_toldHeldOut = true;
+            m_admission->heldOut(m_peer);
+        }
+    } catch (...) {
+        // A rule that cannot be asked lets nobody in; it is never a reason
+        // to answer with anything but the refusal.
+        m_heldOut = true;
+    }
+    m_work.setHeldOut(m_heldOut);
+    return !m_heldOut;
+}
+
 void SocketServer::requirePassword()
 {
     m_io.writeDataPacket(Command::PasswordRequired, Bytes{}, "run loop");
@@ -225,7 +270,9 @@ void SocketServer::requirePassword()
 
 void SocketServer::dispatch(std::uint8_t code)
 {
-    if (Command::needsAuthentication(code) && !m_authenticated) {
+    // kept: see docs/protocol.md (identify rule); a held-out phone gets
+    // the same refusal for every command (see "admission" there).
+    if (m_heldOut || (Command::needsAuthentication(code) && !m_authenticated)) {
         requirePassword();
         return;
     }
@@ -300,6 +347,7 @@ void SocketServer::closeStreams()
     m_istream->clearEventHandler();
     m_ostream->clearEventHandler();
     logInfo("Connection closed.");
+    tellAdmission([this] { m_admission->sessionEnded(m_work.snapshot()); });
     if (auto listener = m_listener.lock())
         listener->removeConnection(this);
 }

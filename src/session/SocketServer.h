@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,9 +18,12 @@
 #include "session/FileSystemOps.h"
 #include "session/FileTransfer.h"
 #include "session/FolderQueries.h"
+#include "session/Peer.h"
+#include "session/SessionWork.h"
 #include "wire/SocketStreams.h"
 #include "wire/StreamIO.h"
 
+class Admission;
 class Settings;
 class UIBridge;
 class SocketServer;
@@ -56,13 +60,16 @@ public:
     // the thread cannot be made; the connection is then closed.
     static Started create(StreamPair streams, std::shared_ptr<Settings> settings,
         std::shared_ptr<UIBridge> uiBridge, std::weak_ptr<SessionRegistry> listener,
-        std::shared_ptr<asio::io_context> io, std::chrono::milliseconds lifetime = kLifetime, Peer peer = {});
+        std::shared_ptr<asio::io_context> io, std::chrono::milliseconds lifetime = kLifetime, Peer peer = {},
+        std::shared_ptr<Admission> admission = nullptr);
     ~SocketServer() override;
     SocketServer(const SocketServer&) = delete;
     SocketServer& operator=(const SocketServer&) = delete;
 
     bool isConnected() const { return m_connected; }
     const Peer& peer() const { return m_peer; }
+    // What the session is doing now; callable from any thread.
+    SessionStatus status() const { return m_work.snapshot(); }
     // Ends the session: clears the keep-running flag and closes both
     // streams, which wakes whatever the thread waits for (the next command,
     // a read from a stalled peer, a full socket, the upload lock) and fails
@@ -71,13 +78,16 @@ public:
 
 private:
     SocketServer(StreamPair streams, std::shared_ptr<Settings> settings, std::shared_ptr<UIBridge> uiBridge,
-        std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io, Peer peer);
+        std::weak_ptr<SessionRegistry> listener, std::shared_ptr<asio::io_context> io, Peer peer,
+        std::shared_ptr<Admission> admission);
 
     void threadProc(const std::stop_token& stop);
     void commandLoop();
     bool waitForCommand();
     void dispatch(std::uint8_t code);
     void verifyPassword(std::uint8_t code);
+    bool admitted();
+    void tellAdmission(const std::function<void()>& news);
     void requirePassword();
     void identifyHost();
     void startSync();
@@ -103,6 +113,9 @@ private:
     // Before the handlers, which keep a reference to it.
     const Peer m_peer;
     SessionActivity m_activity;
+    // Null: everyone is served, as the protocol has it.
+    std::shared_ptr<Admission> m_admission;
+    SessionWork m_work;
     StreamIO m_io;
     // Declared before the timer so that the loop outlives it.
     std::shared_ptr<asio::io_context> m_loop;
@@ -115,6 +128,9 @@ private:
     // will read what the work under way would answer, so long digests stop.
     std::atomic<bool> m_answerable{true};
     bool m_authenticated = false;
+    // Held out by the admission rule at the command being served.
+    bool m_heldOut = false;
+    bool m_toldHeldOut = false;
 
     // The command handlers, each given the context above.
     FolderQueries m_folders;

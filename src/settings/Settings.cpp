@@ -78,6 +78,7 @@ void Settings::setDefaults()
     m_keepReplaced.reset();
     m_keepDays.reset();
     m_keepPercent.reset();
+    m_admission.clear();
 }
 
 void Settings::readPreferences()
@@ -147,6 +148,7 @@ void Settings::applyFileKeys(void* root)
     applyOptionalKey(dict, "keepReplaced", m_keepReplaced, PlistFile::boolValue);
     applyOptionalKey(dict, "keepDays", m_keepDays, PlistFile::intValue);
     applyOptionalKey(dict, "keepPercent", m_keepPercent, PlistFile::intValue);
+    applyKey(dict, "admission", m_admission, PlistFile::stringValue);
 }
 
 void Settings::writePreferences()
@@ -185,6 +187,8 @@ void Settings::writePreferences()
             plist_dict_set_item(dict, "keepDays", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(*m_keepDays))));
         if (m_keepPercent)
             plist_dict_set_item(dict, "keepPercent", plist_new_uint(static_cast<uint64_t>(static_cast<int64_t>(*m_keepPercent))));
+        if (!m_admission.empty())
+            plist_dict_set_item(dict, "admission", plist_new_string(m_admission.c_str()));
     }
     // A failed save is not reported; the old file, if any, stays whole.
     PlistFile::writeXml(preferencesPath(), dict);
@@ -397,6 +401,24 @@ std::vector<std::string> Settings::servedAddresses() const
     if (listen.empty() || listen == "0.0.0.0")
         return validIPAddresses();
     return {listen};
+}
+
+std::string Settings::getAdmission() const
+{
+    std::lock_guard lock(m_mutex);
+    if (m_admission.empty() || m_admission == kAdmitEveryone)
+        return kAdmitEveryone;
+    if (m_admission == kAdmitAsk)
+        return kAdmitAsk;
+    // "known", and any word this version does not know: a person who wrote
+    // one meant to narrow who comes in, not to open the door.
+    return kAdmitKnown;
+}
+
+void Settings::setAdmission(const std::string& rule)
+{
+    std::lock_guard lock(m_mutex);
+    m_admission = rule;
 }
 
 bool Settings::isListenAddress(const std::string& text)

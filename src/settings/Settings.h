@@ -86,6 +86,15 @@ public:
     // alone when it names one (0.0.0.0 names every address), else every
     // valid address, lastIP first.
     std::vector<std::string> servedAddresses() const;
+    // Who may come in: "everyone" (the default, the protocol as it is),
+    // "ask" (phones not yet allowed are held out and the person asked) or
+    // "known" (allowed phones only). Written to the file once set; a value
+    // the file holds that is none of these reads as "known".
+    static constexpr const char* kAdmitEveryone = "everyone";
+    static constexpr const char* kAdmitAsk = "ask";
+    static constexpr const char* kAdmitKnown = "known";
+    std::string getAdmission() const;
+    void setAdmission(const std::string& rule);
     // Dotted-quad IPv4 text, the only form the listen address takes.
     static bool isListenAddress(const std::string& text);
 
@@ -135,4 +144,6 @@ private:
     std::optional<std::int32_t> m_keepDays;
     std::optional<std::int32_t> m_keepPercent;
     std::optional<std::string> m_readError;
+    // As the file or a setter gave it; empty until set.
+    std::string m_admission;
 };

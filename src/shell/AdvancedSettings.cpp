@@ -1,6 +1,9 @@
 #include "shell/AdvancedSettings.h"
 
+#include <algorithm>
+
 #include <QCheckBox>
+#include <QComboBox>
 #include <QFormLayout>
 #include <QLineEdit>
 #include <QToolButton>
@@ -32,6 +35,12 @@ AdvancedSettings::AdvancedSettings(QWidget* parent) : QWidget(parent)
     m_listenAddress->setObjectName("listenAddressField");
     m_listenAddress->setPlaceholderText(tr("all addresses"));
     m_listenAddress->setToolTip(tr("One IPv4 address of this computer to serve on, or empty for all"));
+    m_admission = new QComboBox(m_body);
+    m_admission->setObjectName("admissionComboBox");
+    m_admission->addItem(tr("Everyone"), QString(Settings::kAdmitEveryone));
+    m_admission->addItem(tr("Ask for new phones"), QString(Settings::kAdmitAsk));
+    m_admission->addItem(tr("Known phones only"), QString(Settings::kAdmitKnown));
+    m_admission->setToolTip(tr("Which phones may connect; blocked phones never may (see Phones in the menu)"));
 
     auto* form = new QFormLayout(m_body);
     form->setContentsMargins(0, 0, 0, 0);
@@ -39,6 +48,7 @@ AdvancedSettings::AdvancedSettings(QWidget* parent) : QWidget(parent)
     form->addRow(m_strictIdentify);
     form->addRow(m_readOnly);
     form->addRow(tr("Listen on:"), m_listenAddress);
+    form->addRow(tr("Who may connect:"), m_admission);
 
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -63,14 +73,16 @@ void AdvancedSettings::load(const Settings& settings)
     m_strictIdentify->setChecked(settings.getStrictIdentify());
     m_readOnly->setChecked(settings.getReadOnly());
     m_listenAddress->setText(QString::fromStdString(settings.getListenAddress()));
+    m_admission->setCurrentIndex(std::max(0, m_admission->findData(QString::fromStdString(settings.getAdmission()))));
     const Values v = values();
-    setExpanded(v.confineToBasePath || v.strictIdentify || v.readOnly || !v.listenAddress.isEmpty());
+    setExpanded(v.confineToBasePath || v.strictIdentify || v.readOnly || !v.listenAddress.isEmpty()
+        || v.admission != Settings::kAdmitEveryone);
 }
 
 AdvancedSettings::Values AdvancedSettings::values() const
 {
     return {m_confine->isChecked(), m_strictIdentify->isChecked(), m_readOnly->isChecked(),
-            m_listenAddress->text().trimmed()};
+            m_listenAddress->text().trimmed(), m_admission->currentData().toString()};
 }
 
 bool AdvancedSettings::listenAddressIsValid() const
@@ -85,4 +97,7 @@ void AdvancedSettings::apply(Settings& settings, const Values& values)
     settings.setStrictIdentify(values.strictIdentify);
     settings.setReadOnly(values.readOnly);
     settings.setListenAddress(values.listenAddress.toStdString());
+    // Only a change is stored: left alone, a file without the key keeps none.
+    if (values.admission.toStdString() != settings.getAdmission())
+        settings.setAdmission(values.admission.toStdString());
 }

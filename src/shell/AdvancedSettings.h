@@ -4,6 +4,7 @@
 #include <QWidget>
 
 class QCheckBox;
+class QComboBox;
 class QLineEdit;
 class QToolButton;
 class Settings;
@@ -22,6 +23,8 @@ public:
         bool strictIdentify = false;
         bool readOnly = false;
         QString listenAddress;
+        // "everyone", "ask" or "known".
+        QString admission;
     };
 
     explicit AdvancedSettings(QWidget* parent = nullptr);
@@ -45,4 +48,5 @@ private:
     QCheckBox* m_strictIdentify = nullptr;
     QCheckBox* m_readOnly = nullptr;
     QLineEdit* m_listenAddress = nullptr;
+    QComboBox* m_admission = nullptr;
 };

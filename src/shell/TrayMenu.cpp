@@ -10,6 +10,10 @@
 #include <QSystemTrayIcon>
 
 #include "server/App.h"
+#include "server/DeviceBook.h"
+#include "server/Doorkeeper.h"
+#include "server/ServerControl.h"
+#include "server/SocketListener.h"
 #include "log/SystemLog.h"
 #include "bridge/UIBridge.h"
 #include "settings/Settings.h"
@@ -17,6 +21,8 @@
 #include "shell/ActivityWindow.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/DesktopNotifier.h"
+#include "shell/PhoneRequests.h"
+#include "shell/PhonesWindow.h"
 #include "shell/SettingsDialog.h"
 #include "shell/TrayIcon.h"
 #include "shell/UpdateCheck.h"
@@ -29,6 +35,8 @@ TrayMenu::TrayMenu(std::shared_ptr<Notifier> notifier)
 
 TrayMenu::~TrayMenu()
 {
+    if (m_doorkeeper)
+        m_doorkeeper->setAsker(nullptr);
     // The workers (a save among them) finish before the server stops for good.
     BackgroundJobs::stopAll();
     if (_app)
@@ -48,6 +56,7 @@ void TrayMenu::applicationDidFinishLaunching()
     _app = std::make_shared<App>(_settings);
     _app->uiBridge()->setNotifier(m_notifier);
     reportUnreadableSettings();
+    startDoorkeeper();
     checkForUpdate(m_notifier);
     showStatusItem();
     _app->start();
@@ -64,6 +73,57 @@ void TrayMenu::reportUnreadableSettings()
                                 .arg(QString::fromStdString(Settings::preferencesPath()), QString::fromStdString(*why));
     m_notifier->notify(QT_TRANSLATE_NOOP("DesktopNotifier", "Zandrel Sync Settings Not Read"), message.toStdString(),
                        "SETTINGSERROR");
+}
+
+void TrayMenu::startDoorkeeper()
+{
+    std::string error;
+    std::shared_ptr<DeviceBook> book = DeviceBook::open(&error);
+    if (!book)
+        SystemLog::write("The known phones' file cannot be used (" + error + "); no phone is known");
+    m_doorkeeper = std::make_shared<Doorkeeper>(_settings, _app->uiBridge(), book);
+    _app->setAdmission(m_doorkeeper);
+    m_requests = std::make_unique<PhoneRequests>(_app, m_doorkeeper);
+    connect(m_requests.get(), &PhoneRequests::openPhones, this, &TrayMenu::openPhones);
+    m_doorkeeper->setAsker([requests = m_requests.get()](const Peer& peer) {
+        requests->ask(QString::fromStdString(peer.address));
+    });
+    m_control = std::make_unique<ServerControl>(*_app, m_doorkeeper);
+    if (!m_control->channel().isOpen())
+        SystemLog::write("No control channel (" + m_control->channel().error()
+            + "); zandrel-syncd status and devices cannot reach this server");
+}
+
+QString TrayMenu::toolTipText() const
+{
+    const auto port = _app ? _app->waitUntilRunning(std::chrono::milliseconds(0)) : std::nullopt;
+    if (!port)
+        return tr("Not serving — starting");
+    if (*port == 0) {
+        const std::int32_t configured = _settings->getPort();
+        return static_cast<std::uint32_t>(configured) - 1024u < 64512u
+            ? tr("Not serving — port %1 is used by another program").arg(configured)
+            : tr("Not serving — the server could not listen for phones");
+    }
+    auto listener = _app->listener();
+    const int phones = listener ? static_cast<int>(listener->statuses().size()) : 0;
+    if (phones == 0)
+        return tr("Serving — no phone connected");
+    return phones == 1 ? tr("Serving — 1 phone connected") : tr("Serving — %1 phones connected").arg(phones);
+}
+
+void TrayMenu::updateToolTip()
+{
+    if (_statusItem)
+        _statusItem->setToolTip(toolTipText());
+}
+
+void TrayMenu::openPhones()
+{
+    if (!m_phonesWindow)
+        m_phonesWindow = std::make_unique<PhonesWindow>(_app, m_requests.get());
+    m_phonesWindow->refresh();
+    bringToFront(m_phonesWindow.get());
 }
 
 void TrayMenu::watchServer()
@@ -90,7 +150,10 @@ void TrayMenu::_watchServer(const std::shared_ptr<App>& app, const std::shared_p
 void TrayMenu::showStatusItem()
 {
     _statusItem = std::make_unique<QSystemTrayIcon>(TrayIcon::icon());
-    _statusItem->setToolTip(tr("Zandrel Sync"));
+    // Instead of "Zandrel Sync": whether it serves, and how many phones.
+    updateToolTip();
+    connect(&m_toolTipTimer, &QTimer::timeout, this, &TrayMenu::updateToolTip);
+    m_toolTipTimer.start(1000);
     _generateMenu();
     // A left click shows the menu as well: it is the whole interface.
     connect(_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
@@ -119,6 +182,7 @@ void TrayMenu::_genMainMenu()
     _menu->setToolTipsVisible(true);
     _menu->addAction(tr("Open Settings"), this, &TrayMenu::openSettings);
     _menu->addAction(tr("Activity"), this, &TrayMenu::openActivity);
+    _menu->addAction(tr("Phones"), this, &TrayMenu::openPhones);
     _menu->addAction(tr("Check For Update"), this, &TrayMenu::openCheckForUpdate);
     _menu->addAction(tr("About"), this, &TrayMenu::runAbout);
     _menu->addSeparator();

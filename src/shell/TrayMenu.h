@@ -4,11 +4,16 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 
 class AboutDialog;
 class ActivityWindow;
 class App;
+class Doorkeeper;
 class Notifier;
+class PhoneRequests;
+class PhonesWindow;
+class ServerControl;
 class QMenu;
 class QSystemTrayIcon;
 class Settings;
@@ -35,6 +40,8 @@ public:
     UpdateDialog* updateWindow() const;
     AboutDialog* aboutWindow() const { return m_aboutWindow.get(); }
     ActivityWindow* activityWindow() const { return m_activityWindow.get(); }
+    PhonesWindow* phonesWindow() const { return m_phonesWindow.get(); }
+    PhoneRequests* phoneRequests() const { return m_requests.get(); }
     std::shared_ptr<App> app() const { return _app; }
 
     // The update window is closing: the next "Check For Update" builds a
@@ -52,17 +59,24 @@ public:
     // version is offered; silent on everything else.
     static void _checkForUpdate(const std::shared_ptr<Notifier>& notifier);
 
+    // "Serving — 2 phones connected", "Serving — no phone connected", or
+    // why it is not serving; refreshed every second.
+    void updateToolTip();
+    QString toolTipText() const;
+
 public slots:
     void openSettings();
     // The "Activity" entry (ours, after "Open Settings") and the settings
     // window's button: one window, shown again when open.
     void openActivity();
+    void openPhones();
     void openCheckForUpdate();
     void runAbout();
     void actionQuit();
 
 private:
     void _openCheckForUpdate();
+    void startDoorkeeper();
     void _generateMenu();
     void _genMainMenu();
     void showStatusItem();
@@ -74,6 +88,12 @@ private:
     std::shared_ptr<Notifier> m_notifier;
     std::shared_ptr<Settings> _settings;
     std::shared_ptr<App> _app;
+    std::shared_ptr<Doorkeeper> m_doorkeeper;
+    // After the App it answers for, so it goes (joining its thread) first.
+    std::unique_ptr<ServerControl> m_control;
+    std::unique_ptr<PhoneRequests> m_requests;
+    std::unique_ptr<PhonesWindow> m_phonesWindow;
+    QTimer m_toolTipTimer;
     // Declared first so that it outlives the tray icon it belongs to.
     std::unique_ptr<QMenu> _menu;
     std::unique_ptr<QSystemTrayIcon> _statusItem;

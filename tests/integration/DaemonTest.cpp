@@ -7,10 +7,13 @@
 #include <string>
 #include <thread>
 
+#include <fmt/format.h>
+
 #include <gtest/gtest.h>
 
 #include "integration/DaemonProcess.h"
 #include "client/ProtocolClient.h"
+#include "wire/BitHelper.h"
 #include "wire/StreamIO.h"
 
 namespace fs = std::filesystem;
@@ -41,7 +44,8 @@ TEST_F(DaemonTest, ServesLogsToStandardErrorAndEndsOnSigterm)
 
     auto err = d.err("Connection closed.\n");
     EXPECT_NE(err.find("Server started on port " + portText + "\n"), std::string::npos);
-    EXPECT_NE(err.find("\nAdded connection.\nCommand: 17, Len = 40\n"), std::string::npos) << err;
+    EXPECT_NE(err.find("\nAdded connection.\nConnection from 127.0.0.1:"), std::string::npos) << err;
+    EXPECT_NE(err.find(".\nCommand: 17, Len = 40\n"), std::string::npos) << err;
     EXPECT_NE(err.find("\nAuthenticated.\nStarting sync.\nConnection closed.\n"), std::string::npos) << err;
     EXPECT_EQ(d.terminate(), 0);
     EXPECT_NE(d.err("Stopped Echo server\n", 5s).find("Stopped Echo server\n"), std::string::npos);
@@ -196,3 +200,107 @@ TEST_F(DaemonTest, SighupRereadsTheSettingsAndRestartsTheServer)
     EXPECT_EQ(d.terminate(), 0);
 }
 
+namespace {
+
+struct Ran {
+    int code;
+    std::string out;
+};
+
+// zandrel-syncd run to its end, as a person runs status and devices.
+Ran syncd(std::vector<std::string> args)
+{
+    DaemonProcess p(std::move(args));
+    Ran ran;
+    ran.out = p.out("\x01") + p.err("\x01", 2s);
+    ran.code = p.exitCode();
+    return ran;
+}
+
+Bytes downloadOf(const std::string& path)
+{
+    Bytes fields = BitHelper::encodeLongLong(1);
+    fields += BitHelper::encodeString(path);
+    fields += BitHelper::encodeLongLong(0);
+    fields += BitHelper::encodeBool(false);
+    return fields;
+}
+
+} // namespace
+
+// A download that a slow phone is not reading stands still in the status,
+// which names the file and how far it has come.
+TEST_F(DaemonTest, StatusShowsTheDownloadUnderWayAndExitsThreeWithoutAServer)
+{
+    auto none = syncd({"status"});
+    EXPECT_EQ(none.code, 3);
+    EXPECT_NE(none.out.find("no server runs for this user"), std::string::npos) << none.out;
+
+    writeSettings();
+    const auto big = home.write("big.bin", std::string(40'000'000, 'z'));
+    DaemonProcess d({"--no-discovery"});
+    const auto port = d.port();
+    ASSERT_NE(port, 0);
+    auto c = d.connect();
+    c->sendCommand(26, downloadOf(big.string()));
+    Ran status{};
+    for (int i = 0; i < 50 && status.out.find(big.string()) == std::string::npos; ++i) {
+        std::this_thread::sleep_for(100ms);
+        status = syncd({"status"});
+    }
+    EXPECT_EQ(status.code, 0);
+    EXPECT_NE(status.out.find(fmt::format("Serving on port {} at ", port)), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(fmt::format("(process {}, up ", d.pid())), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("1 phone connected:\n  127.0.0.1:"), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(": download " + big.string() + ", "), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find(" of 40.0 MB ("), std::string::npos) << status.out;
+
+    auto json = syncd({"status", "--json"}).out;
+    EXPECT_NE(json.find("\"running\":true,\"pid\":" + std::to_string(d.pid())), std::string::npos) << json;
+    EXPECT_NE(json.find("\"command\":\"download\",\"file\":\"" + big.string() + "\",\"done\":"), std::string::npos)
+        << json;
+    EXPECT_NE(json.find(",\"total\":40000000,"), std::string::npos) << json;
+    c->close();
+    EXPECT_EQ(d.terminate(), 0);
+}
+
+// With admission "known" a phone not allowed is answered as a wrong password
+// is, and the log says how to let it in; allowed, its next command is
+// served; blocked, its session ends at once.
+TEST_F(DaemonTest, KnownPhonesOnlyUntilAllowedAndBlockingEndsTheSession)
+{
+    writeSettings("<key>admission</key><string>known</string>");
+    DaemonProcess d({"--no-discovery", "--log-stderr"});
+    ASSERT_NE(d.port(), 0);
+    Bytes refusedTwice = StreamIO::dataPacket(16, {});
+    refusedTwice += StreamIO::dataPacket(16, {});
+    auto c = d.connect();
+    c->sendCommand(14);
+    EXPECT_EQ(c->readExact(36), refusedTwice);
+    const auto hint = d.err("devices allow 127.0.0.1\n");
+    EXPECT_NE(hint.find("Held out the phone at 127.0.0.1: admission is \"known\" and it is not allowed. To let it in: "
+                        "zandrel-syncd devices allow 127.0.0.1\n"),
+        std::string::npos)
+        << hint;
+
+    auto allowed = syncd({"devices", "allow", "127.0.0.1", "--name", "Anna's phone"});
+    EXPECT_EQ(allowed.code, 0);
+    EXPECT_EQ(allowed.out, "Allowed 127.0.0.1.\n");
+    c->sendCommand(17);
+    EXPECT_EQ(c->readExact(19), StreamIO::dataPacket(17, BitHelper::encodeBool(true)));
+    auto listed = syncd({"devices", "--json"}).out;
+    EXPECT_NE(listed.find("{\"address\":\"127.0.0.1\",\"hardware\":\"\",\"name\":\"Anna's phone\",\"standing\":"
+                          "\"allowed\""),
+        std::string::npos)
+        << listed;
+    EXPECT_NE(listed.find("\"connected\":true}"), std::string::npos) << listed;
+
+    auto blocked = syncd({"devices", "block", "127.0.0.1"});
+    EXPECT_EQ(blocked.out, "Blocked 127.0.0.1; its 1 open session ended.\n");
+    EXPECT_TRUE(c->waitForClose(5s));
+    EXPECT_EQ(syncd({"devices", "forget", "127.0.0.1"}).out, "Forgot 127.0.0.1.\n");
+    auto unknown = syncd({"devices", "forget", "127.0.0.1"});
+    EXPECT_EQ(unknown.code, 1);
+    EXPECT_EQ(syncd({"devices", "allow", "phone"}).code, 2);
+    EXPECT_EQ(d.terminate(), 0);
+}

@@ -111,7 +111,9 @@ private:
     StreamIO m_io{*m_streams.input, *m_streams.output, *this};
     Peer m_peer{"127.0.0.1", 50000};
     SessionActivity m_activity{Journal::shared(), m_settings, m_peer.address};
-    SessionContext m_context{m_io, *m_streams.input, m_settings, m_bridge, m_answerable, m_peer, m_activity};
+    SessionWork m_work{m_peer};
+    SessionContext m_context{
+        m_io, *m_streams.input, m_settings, m_bridge, m_answerable, m_peer, m_activity, m_work};
     std::thread m_thread;
     std::exception_ptr m_failure;
 

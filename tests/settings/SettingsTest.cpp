@@ -161,11 +161,14 @@ TEST_F(SettingsTest, SettersPersistOnlyThroughWritePreferences)
     EXPECT_EQ(Settings(Settings::NoLoginItems{}).getPort(), -1) << "read back as written";
 }
 
-TEST_F(SettingsTest, HardeningAndKeepKeysAreReadAndWrittenOnlyWhileSet)
+TEST_F(SettingsTest, HardeningKeepAndAdmissionKeysAreReadAndWrittenOnlyWhileSet)
 {
+    EXPECT_EQ(Settings(Settings::NoLoginItems{}).getAdmission(), "everyone");
     writePrefs(xmlPlist("<key>confineToBasePath</key><true/>\n<key>strictIdentify</key><true/>\n"
-                        "<key>readOnly</key><true/>\n<key>listenAddress</key><string>127.0.0.2</string>\n"));
+                        "<key>readOnly</key><true/>\n<key>listenAddress</key><string>127.0.0.2</string>\n"
+                        "<key>admission</key><string>ask</string>\n"));
     Settings s{Settings::NoLoginItems{}};
+    EXPECT_EQ(s.getAdmission(), "ask");
     EXPECT_TRUE(s.getConfineToBasePath());
     EXPECT_TRUE(s.getStrictIdentify());
     EXPECT_TRUE(s.getReadOnly());
@@ -173,7 +176,7 @@ TEST_F(SettingsTest, HardeningAndKeepKeysAreReadAndWrittenOnlyWhileSet)
     // The one address phones can reach is the one announced.
     EXPECT_NE(s.getIdentifier().find(":127.0.0.2:"), std::string::npos) << s.getIdentifier();
     s.writePreferences();
-    EXPECT_EQ(written(prefsPath()).size(), kDefaults.size() + 4);
+    EXPECT_EQ(written(prefsPath()).size(), kDefaults.size() + 5);
     s.setListenAddress("0.0.0.0"); // every address: those are announced, never 0.0.0.0 itself
     EXPECT_EQ(s.getIdentifier().find(":0.0.0.0:"), std::string::npos) << s.getIdentifier();
 
@@ -182,8 +185,17 @@ TEST_F(SettingsTest, HardeningAndKeepKeysAreReadAndWrittenOnlyWhileSet)
     s.setStrictIdentify(false);
     s.setReadOnly(false);
     s.setListenAddress("");
+    s.setAdmission("");
     s.writePreferences();
     EXPECT_EQ(written(prefsPath()).size(), kDefaults.size());
+    // Once chosen, admission stays in the file, even as the default; a word
+    // it does not know narrows rather than opens.
+    s.setAdmission("everyone");
+    s.writePreferences();
+    EXPECT_EQ(written(prefsPath()).at("admission"), "everyone");
+    s.setAdmission("trusted");
+    EXPECT_EQ(s.getAdmission(), "known");
+    s.setAdmission("");
 
     // The keep keys: defaults unwritten; once set (even to the default), written.
     EXPECT_TRUE(s.getKeepDeleted() && s.getKeepReplaced());

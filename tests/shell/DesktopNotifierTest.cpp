@@ -1,8 +1,10 @@
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QObject>
 #include <QProcess>
 #include <QStringList>
@@ -10,7 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "ShellTestSupport.h"
+#include "server/App.h"
+#include "server/DeviceBook.h"
+#include "server/Doorkeeper.h"
+#include "settings/Settings.h"
 #include "shell/DesktopNotifier.h"
+#include "shell/PhoneRequests.h"
+#include "support/TestSupport.h"
 
 namespace {
 
@@ -23,11 +31,13 @@ class NotificationService : public QObject {
 public:
     // Application, summary, body, category and time-out of each call.
     std::vector<QStringList> received;
+    QStringList lastActions;
 
 public slots:
     uint Notify(const QString& appName, uint, const QString&, const QString& summary, const QString& body,
-                const QStringList&, const QVariantMap& hints, int expireTimeout)
+                const QStringList& actions, const QVariantMap& hints, int expireTimeout)
     {
+        lastActions = actions;
         received.push_back({appName, summary, body, hints.value("category").toString(), QString::number(expireTimeout)});
         return static_cast<uint>(received.size());
     }
@@ -47,6 +57,35 @@ TEST(DesktopNotifierTest, NoticeReachesTheNotificationServiceOnTheSessionBus)
     ASSERT_TRUE(
         serviceSide.registerObject("/org/freedesktop/Notifications", &service, QDBusConnection::ExportAllSlots));
     ASSERT_TRUE(serviceSide.registerService("org.freedesktop.Notifications"));
+
+    // A phone that admission "ask" held out: Allow and Block on the notice,
+    // and the answer kept; without a service the Phones window is asked for.
+    {
+        TempHome home;
+        auto settings = std::make_shared<Settings>(Settings::NoLoginItems{});
+        auto app = std::make_shared<App>(settings);
+        auto door = std::make_shared<Doorkeeper>(settings, app->uiBridge(), DeviceBook::open());
+        PhoneRequests requests(app, door, QDBusConnection::connectToBus(address, "requests"));
+        requests.ask("10.0.0.5");
+        ASSERT_TRUE(waitUntil([&] { return service.received.size() == 1; }));
+        EXPECT_EQ(service.lastActions, (QStringList{"allow", "Allow", "block", "Block"}));
+        EXPECT_EQ(service.received[0][1], "A Phone Asks To Connect");
+        EXPECT_EQ(requests.waiting(), QStringList{"10.0.0.5"});
+        serviceSide.send(QDBusMessage::createSignal("/org/freedesktop/Notifications", "org.freedesktop.Notifications",
+                             "ActionInvoked")
+            << 1u << QString("block"));
+        ASSERT_TRUE(waitUntil([&] { return requests.waiting().isEmpty(); }));
+        EXPECT_EQ(door->book()->find("10.0.0.5")->standing, Doorkeeper::Standing::Blocked);
+
+        PhoneRequests unheard(app, door, QDBusConnection::connectToBus("unix:path=/nonexistent/bus", "unheard"));
+        bool opened = false;
+        QObject::connect(&unheard, &PhoneRequests::openPhones, [&] { opened = true; });
+        unheard.ask("10.0.0.6");
+        EXPECT_TRUE(waitUntil([&] { return opened; }));
+        service.received.clear();
+        for (const char* name : {"requests", "unheard"})
+            QDBusConnection::disconnectFromBus(name);
+    }
 
     DesktopNotifier notifier(QDBusConnection::connectToBus(address, "notifier"));
     // The service reads markup, so the body must come escaped.

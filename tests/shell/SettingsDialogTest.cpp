@@ -154,6 +154,7 @@ TEST_F(SettingsDialogTest, AdvancedAndSafetySettingsAreSavedAndABadListenAddress
     control<QCheckBox>("readOnlyCheckBox")->setChecked(true);
     control<QCheckBox>("keepDeletedCheckBox")->setChecked(false);
     control<QSpinBox>("keepDaysField")->setValue(7);
+    control<QComboBox>("admissionComboBox")->setCurrentIndex(2);
     save();
 
     ASSERT_TRUE(m_app->waitUntilRunning(std::chrono::seconds(5)).value_or(0) != 0);
@@ -167,6 +168,7 @@ TEST_F(SettingsDialogTest, AdvancedAndSafetySettingsAreSavedAndABadListenAddress
     const std::string file = readFile(Settings::preferencesPath());
     EXPECT_EQ(file.find("keepReplaced"), std::string::npos);
     EXPECT_EQ(file.find("keepPercent"), std::string::npos);
+    EXPECT_EQ(stored.getAdmission(), "known");
     m_dialog->hide();
     m_dialog->show();
     m_dialog->_updateForm();

@@ -10,6 +10,7 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QTcpServer>
+#include <QTreeWidget>
 #include <QSystemTrayIcon>
 #include <QTest>
 #include <gtest/gtest.h>
@@ -18,8 +19,12 @@
 #include "support/TestSupport.h"
 #include "server/App.h"
 #include "settings/Settings.h"
+#include "client/SyncClient.h"
 #include "shell/AboutDialog.h"
 #include "shell/ActivityWindow.h"
+#include "shell/PhonesWindow.h"
+#include "wire/BitHelper.h"
+#include "wire/StreamIO.h"
 #include "shell/BackgroundJobs.h"
 #include "shell/SettingsDialog.h"
 #include "shell/TrayMenu.h"
@@ -48,15 +53,17 @@ protected:
     std::unique_ptr<TrayMenu> m_tray;
 };
 
-TEST_F(TrayMenuTest, MenuHasFiveEntriesWithTheToolTipOnQuitAndActivityOpensFromItAndTheSettings)
+TEST_F(TrayMenuTest, MenuHasItsEntriesWithTheToolTipsAndActivityOpensFromItAndTheSettings)
 {
     QStringList entries;
     for (QAction* action : m_tray->menu()->actions())
         entries << (action->isSeparator() ? "-" : action->text());
-    EXPECT_EQ(entries, (QStringList{"Open Settings", "Activity", "Check For Update", "About", "-", "Quit"}));
+    EXPECT_EQ(entries, (QStringList{"Open Settings", "Activity", "Phones", "Check For Update", "About", "-", "Quit"}));
     EXPECT_EQ(m_tray->menu()->actions().back()->toolTip(), "Click to Quit this App");
     EXPECT_TRUE(m_tray->menu()->toolTipsVisible());
-    EXPECT_EQ(m_tray->statusItem()->toolTip(), "Zandrel Sync");
+    ASSERT_TRUE(m_tray->app()->waitUntilRunning(std::chrono::seconds(5)).value_or(0) > 0);
+    m_tray->updateToolTip();
+    EXPECT_EQ(m_tray->statusItem()->toolTip(), "Serving — no phone connected");
     EXPECT_EQ(m_tray->statusItem()->contextMenu(), m_tray->menu());
 
     m_tray->menu()->actions().at(1)->trigger();
@@ -156,6 +163,47 @@ TEST_F(TrayMenuTest, APortInUseIsNotifiedAndShownInTheStatusLine)
     EXPECT_TRUE(status->text().startsWith(QString::fromStdString(inUse)));
     QCoreApplication::processEvents(); // the text wraps: the window makes room, not laying it over the log box
     EXPECT_LT(m_tray->settingsWindow()->findChild<QWidget*>("logView")->geometry().bottom(), status->geometry().top());
+    m_tray->updateToolTip();
+    EXPECT_EQ(m_tray->statusItem()->toolTip(),
+        QString("Not serving — port %1 is used by another program").arg(other.serverPort()));
+}
+
+// Under "ask" a phone held out becomes a request; with no notification
+// service the Phones window opens with it. Allowed there, its next command
+// is served; blocked among the known phones, its session ends.
+TEST_F(TrayMenuTest, AskedPhonesWaitInThePhonesWindowUntilAllowedOrBlocked)
+{
+    const auto port = m_tray->app()->waitUntilRunning(std::chrono::seconds(5)).value_or(0);
+    ASSERT_GT(port, 0);
+    m_tray->app()->settings()->setAdmission("ask");
+    SyncClient c;
+    c.connect("127.0.0.1", port);
+    c.sendCommandWithPassword(14, "");
+    Bytes refused = StreamIO::dataPacket(16, {});
+    refused += StreamIO::dataPacket(16, {});
+    EXPECT_EQ(c.readExact(36), refused);
+    ASSERT_TRUE(waitUntil([&] { return m_tray->phonesWindow() && m_tray->phonesWindow()->isVisible(); }));
+    PhonesWindow* window = m_tray->phonesWindow();
+    auto* waiting = window->findChild<QTreeWidget*>("waitingList");
+    ASSERT_TRUE(waitUntil([&] { return waiting->topLevelItemCount() == 1; }));
+    EXPECT_EQ(waiting->topLevelItem(0)->text(0), "127.0.0.1");
+    m_tray->updateToolTip();
+    EXPECT_EQ(m_tray->statusItem()->toolTip(), "Serving — 1 phone connected");
+
+    window->findChild<QPushButton*>("allowWaitingButton")->click();
+    c.sendCommandWithPassword(17, "");
+    EXPECT_EQ(c.readExact(18), StreamIO::dataPacket(16, {})) << "a wrong password is still one";
+    EXPECT_EQ(c.readExact(19), StreamIO::dataPacket(17, BitHelper::encodeBool(true)));
+    window->refresh();
+    EXPECT_FALSE(waiting->isVisible());
+    EXPECT_EQ(window->findChild<QTreeWidget*>("connectedList")->topLevelItemCount(), 1);
+    auto* known = window->findChild<QTreeWidget*>("knownList");
+    ASSERT_EQ(known->topLevelItemCount(), 1);
+    EXPECT_EQ(known->topLevelItem(0)->text(2), "allowed");
+    known->setCurrentItem(known->topLevelItem(0));
+    window->findChild<QPushButton*>("blockButton")->click();
+    EXPECT_TRUE(c.waitForClose(std::chrono::seconds(5)));
+    EXPECT_EQ(known->topLevelItem(0)->text(2), "blocked");
 }
 
 TEST_F(TrayMenuTest, UpdateWindowIsReshownWhileOpenAndRebuiltAfterClosing)

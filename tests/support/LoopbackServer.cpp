@@ -4,6 +4,8 @@
 
 #include "client/ProtocolClient.h"
 #include "journal/Journal.h"
+#include "server/DeviceBook.h"
+#include "server/Doorkeeper.h"
 
 LoopbackServer::LoopbackServer(bool startNow)
 {
@@ -12,6 +14,10 @@ LoopbackServer::LoopbackServer(bool startNow)
     m_settings->setPort(0); // out of range: the system chooses a free port
     m_app = std::make_unique<App>(m_settings);
     m_app->setDiscoveryEnabled(false);
+    // As the daemon and the tray run it: with admission "everyone" every
+    // session test shows the doorkeeper changes no byte.
+    m_doorkeeper = std::make_shared<Doorkeeper>(m_settings, m_app->uiBridge(), DeviceBook::open());
+    m_app->setAdmission(m_doorkeeper);
     if (startNow)
         start();
 }

@@ -13,7 +13,8 @@ namespace fs = std::filesystem;
 
 TempHome::TempHome()
 {
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"})
+    for (const char* name :
+         {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"})
         if (const char* value = std::getenv(name))
             m_saved.emplace_back(name, value);
     std::string tmpl = (fs::temp_directory_path() / "zandrel-home-XXXXXX").string();
@@ -28,13 +29,18 @@ TempHome::TempHome()
     // The activity journal and the trash as well.
     ::setenv("XDG_STATE_HOME", (m_path / ".local/state").c_str(), 1);
     ::setenv("XDG_DATA_HOME", (m_path / ".local/share").c_str(), 1);
+    // The control channel of a server a test starts.
+    fs::create_directory(m_path / "run");
+    fs::permissions(m_path / "run", fs::perms::owner_all);
+    ::setenv("XDG_RUNTIME_DIR", (m_path / "run").c_str(), 1);
 }
 
 TempHome::~TempHome()
 {
     std::error_code ec;
     fs::remove_all(m_path, ec);
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME"})
+    for (const char* name :
+         {"HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"})
         ::unsetenv(name);
     for (const auto& [name, value] : m_saved)
         ::setenv(name.c_str(), value.c_str(), 1);

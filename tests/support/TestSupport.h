@@ -12,7 +12,7 @@
 #include "log/SystemLog.h"
 
 // A fresh temporary folder used as $HOME (and the XDG config, cache, state
-// and data homes below it) for the life of the object; the old values come
+// and data homes and the runtime folder below it) for the life of the object; the old values come
 // back and the folder goes.
 class TempHome {
 public:

@@ -11,6 +11,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QDir>
+#include <QFile>
 #include <QLineEdit>
 #include <QTableView>
 #include <QMenu>
@@ -24,9 +25,15 @@
 #include "server/App.h"
 #include "bridge/UIBridge.h"
 #include "settings/Settings.h"
+#include "client/SyncClient.h"
+#include "server/DeviceBook.h"
+#include "server/Doorkeeper.h"
 #include "shell/AboutDialog.h"
 #include "shell/ActivityWindow.h"
 #include "shell/SafetySettings.h"
+#include "shell/PhoneRequests.h"
+#include "shell/PhonesWindow.h"
+#include "wire/BitHelper.h"
 #include "shell/SettingsDialog.h"
 #include "shell/TrayIcon.h"
 #include "shell/TrayMenu.h"
@@ -154,6 +161,9 @@ int main(int argc, char* argv[])
         tray.menu()->hide();
         tray.runAbout();
     });
+    // Two phones: one fetching an album it reads slowly, one held out by
+    // "ask" and waiting for an answer; two more known from before.
+    SyncClient fetching, asking;
     QTimer::singleShot(3 * kSettleMs, [&] {
         failures += !save(tray.aboutWindow(), out + "/about.png");
         tray.openActivity();
@@ -162,6 +172,42 @@ int main(int argc, char* argv[])
         // The folder a phone deleted, chosen to be put back.
         tray.activityWindow()->findChild<QTableView*>("activityTable")->selectRow(5);
         failures += !save(tray.activityWindow(), out + "/activity.png");
+        tray.activityWindow()->hide();
+        tray.aboutWindow()->hide();
+        tray.app()->stop();
+        tray.app()->settings()->setPort(0);
+        tray.app()->start();
+        const auto port = tray.app()->waitUntilRunning(std::chrono::seconds(5)).value_or(0);
+        auto door = tray.phoneRequests()->doorkeeper();
+        door->book()->sessionEnded("192.168.1.31", "3c:22:fb:41:9a:07", 2'400'000'000, 36'000'000);
+        door->setStanding("192.168.1.31", Doorkeeper::Standing::Allowed, "Kitchen tablet");
+        door->setStanding("192.168.1.23", Doorkeeper::Standing::Allowed, "Anna's phone");
+        door->book()->sessionEnded("192.168.1.77", "", 0, 0);
+        door->setStanding("192.168.1.77", Doorkeeper::Standing::Blocked, "");
+        const QString album = QDir::homePath() + "/Music/Night Drive";
+        QDir().mkpath(album);
+        QFile track(album + "/04 Coastline.flac");
+        track.open(QIODevice::WriteOnly);
+        track.resize(48'000'000);
+        track.close();
+        fetching.connect("192.168.1.23", port);
+        Bytes fields = BitHelper::encodeLongLong(1);
+        fields += BitHelper::encodeString(track.fileName().toStdString());
+        fields += BitHelper::encodeLongLong(0);
+        fields += BitHelper::encodeBool(false);
+        fetching.sendCommandWithPassword(26, tray.app()->settings()->getHashedPassword(), fields);
+        tray.app()->settings()->setAdmission(Settings::kAdmitAsk);
+        asking.connect("10.0.0.5", port);
+        asking.sendCommandWithPassword(14, "");
+    });
+    QTimer::singleShot(5 * kSettleMs, [&] {
+        PhonesWindow* phones = tray.phonesWindow();
+        if (!phones) {
+            tray.openPhones();
+            phones = tray.phonesWindow();
+        }
+        phones->refresh();
+        failures += !save(phones, out + "/phones.png");
         QCoreApplication::exit(failures == 0 ? 0 : 1);
     });
     return QApplication::exec();

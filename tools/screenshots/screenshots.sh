@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Writes PNG screenshots of the settings window, the open tray menu, the
-# about and activity windows into <build-dir>/screenshots, under a virtual X
+# about, activity and Phones windows into <build-dir>/screenshots, under a virtual X
 # server, in private network and mount namespaces, with a throwaway home
 # folder; then the settings window with a wrapped status line once more at
 # 1.5x scale (settings-port-in-use-1.5x.png), where crowded layouts show first.
@@ -23,13 +23,14 @@ trap 'rm -rf "$scaled"' EXIT
 # shows it), large enough that the example's kept items fit their share.
 render() { # <out-dir> <scale>
   unshare -rnum sh -c '
-    mount -t tmpfs -o size=8g tmpfs /home && mkdir /home/ana
+    mount -t tmpfs -o size=8g tmpfs /home && mkdir /home/ana && mkdir -m 0700 /home/ana/.run
     ip link set lo up
     ip route add 224.0.0.0/4 dev lo
     ip addr add 192.168.1.23/24 dev lo
     ip addr add 10.0.0.5/24 dev lo
     hostname studio-desktop
-    exec env HOME=/home/ana XDG_CONFIG_HOME=/home/ana/.config QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR="$3" \
+    exec env HOME=/home/ana XDG_CONFIG_HOME=/home/ana/.config XDG_STATE_HOME=/home/ana/.local/state \
+      XDG_RUNTIME_DIR=/home/ana/.run QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR="$3" \
       LANG=C.UTF-8 xvfb-run -a -s "-screen 0 1280x1024x24 -dpi 96" "$1" "$2"
   ' sh "$tool" "$1" "$2"
 }
