@@ -45,8 +45,7 @@ ServerStatus ServerStatus::of(App& app, std::chrono::steady_clock::time_point st
     status.uptimeSeconds =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count();
     const auto& settings = *app.settings();
-    const auto listen = settings.getListenAddress();
-    status.addresses = listen.empty() ? settings.validIPAddresses() : std::vector<std::string>{listen};
+    status.addresses = settings.servedAddresses();
     status.admission = settings.getAdmission();
     if (auto listener = app.listener())
         status.sessions = listener->statuses();
