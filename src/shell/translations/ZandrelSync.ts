@@ -307,6 +307,26 @@
         <source>Listen on:</source>
         <translation type="unfinished"></translation>
     </message>
+    <message>
+        <source>Everyone</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Ask for new phones</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Known phones only</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Which phones may connect; blocked phones never may (see Phones in the menu)</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Who may connect:</source>
+        <translation type="unfinished"></translation>
+    </message>
 </context>
 <context>
     <name>DesktopNotifier</name>
@@ -419,6 +439,172 @@
     </message>
 </context>
 <context>
+    <name>PhoneRequests</name>
+    <message>
+        <source>A Phone Asks To Connect</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>The phone at %1 wants to reach the files on this computer.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Allow</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Block</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+<context>
+    <name>PhonesWindow</name>
+    <message>
+        <source>never</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phones</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Everyone</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Ask for new phones</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Known phones only</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Blocked phones are kept out whatever this says</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phone</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Since</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Doing</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>File</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Progress</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Moved</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Name</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Standing</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Hardware address</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Last seen</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Sessions</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Sent</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Received</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Allow</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Block</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Waiting for your answer</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Rename…</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Forget</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Who may connect:</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Connected now</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Known phones</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>No phone connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>1 phone connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1 phones connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>held out</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>idle</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1 of %2 (%3%)</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>%1 to it, %2 from it</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Rename Phone</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Name for the phone at %1:</source>
+        <translation type="unfinished"></translation>
+    </message>
+</context>
+<context>
     <name>SafetySettings</name>
     <message>
         <source>Safety</source>
@@ -527,10 +713,6 @@
 <context>
     <name>TrayMenu</name>
     <message>
-        <source>Zandrel Sync</source>
-        <translation type="unfinished"></translation>
-    </message>
-    <message>
         <source>Open Settings</source>
         <translation type="unfinished"></translation>
     </message>
@@ -564,6 +746,34 @@
     </message>
     <message>
         <source>The settings file %1 could not be read (%2). The default settings are in use; saving the settings window replaces the file with them.</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Not serving — starting</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Not serving — port %1 is used by another program</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Not serving — the server could not listen for phones</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Serving — no phone connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Serving — 1 phone connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Serving — %1 phones connected</source>
+        <translation type="unfinished"></translation>
+    </message>
+    <message>
+        <source>Phones</source>
         <translation type="unfinished"></translation>
     </message>
 </context>
