@@ -14,14 +14,18 @@ int runControlCommand(int argc, char** argv);
 
 // What the serving daemon adds to its App: the doorkeeper (admission and the
 // known phones) and the control channel. Made before the App starts; the
-// channel's thread is joined when this goes, while the App object still
-// exists.
+// channel opens once the server listens (a second daemon that cannot listen
+// says only that), and its thread is joined when this goes, while the App
+// object still exists.
 class DaemonControl {
 public:
     DaemonControl(App& app, const std::shared_ptr<Settings>& settings);
     ~DaemonControl();
 
+    void openChannel();
+
 private:
+    App& m_app;
     std::shared_ptr<Doorkeeper> m_doorkeeper;
     std::unique_ptr<ServerControl> m_control;
 };

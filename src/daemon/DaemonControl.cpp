@@ -27,7 +27,7 @@ int runControlCommand(int argc, char** argv)
     return -1;
 }
 
-DaemonControl::DaemonControl(App& app, const std::shared_ptr<Settings>& settings)
+DaemonControl::DaemonControl(App& app, const std::shared_ptr<Settings>& settings) : m_app(app)
 {
     std::string error;
     std::shared_ptr<DeviceBook> book = DeviceBook::open(&error);
@@ -37,7 +37,11 @@ DaemonControl::DaemonControl(App& app, const std::shared_ptr<Settings>& settings
             error);
     m_doorkeeper = std::make_shared<Doorkeeper>(settings, app.uiBridge(), book);
     app.setAdmission(m_doorkeeper);
-    m_control = std::make_unique<ServerControl>(app, m_doorkeeper);
+}
+
+void DaemonControl::openChannel()
+{
+    m_control = std::make_unique<ServerControl>(m_app, m_doorkeeper);
     if (!m_control->channel().isOpen())
         std::cerr << fmt::format("zandrel-syncd: no control channel ({}); `zandrel-syncd status` and `devices` "
                                  "cannot reach this server.\n",

@@ -275,6 +275,8 @@ int serve(const Options& options)
     DaemonControl control(app, settings);
     app.start();
     bool serving = announceStart(app, *settings);
+    if (serving)
+        control.openChannel();
     while (serving) {
         int signal = 0;
         sigwait(&signals, &signal);
